@@ -1,0 +1,15 @@
+# Sanitizer configurations. They are separate build trees (see the Makefile):
+# build-asan (ASan + UBSan) and build-tsan (ThreadSanitizer).
+if(ZOTDIGEST_SANITIZE AND ZOTDIGEST_TSAN)
+  message(FATAL_ERROR "ZOTDIGEST_SANITIZE and ZOTDIGEST_TSAN are exclusive")
+endif()
+if(ZOTDIGEST_SANITIZE)
+  set(_san -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_compile_options(${_san})
+  add_link_options(${_san})
+endif()
+if(ZOTDIGEST_TSAN)
+  set(_san -fsanitize=thread -fno-omit-frame-pointer)
+  add_compile_options(${_san})
+  add_link_options(${_san})
+endif()

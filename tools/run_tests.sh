@@ -1,0 +1,106 @@
+#!/usr/bin/env bash
+# Builds and runs every suite: the C++ tests in the release, ASan+UBSan and
+# TSan trees, and the Python suites against the release tree. Ends with one
+# tally line and a non-zero exit status if anything failed.
+set -uo pipefail
+cd "$(dirname "$0")/.."
+
+PY=/usr/bin/python3
+JOBS=${JOBS:-$(nproc)}
+logdir=build/test-logs
+mkdir -p "$logdir"
+
+passed=0
+failed=0
+broken=()
+
+# configure DIR ARGS...: configures a tree once; later runs let ninja
+# re-run cmake only when the build files changed.
+configure() {
+  local dir=$1; shift
+  if [[ ! -f "$dir/build.ninja" ]]; then
+    cmake -S . -B "$dir" -G Ninja "$@" >"$logdir/$(basename "$dir")-configure.log" 2>&1 || {
+      cat "$logdir/$(basename "$dir")-configure.log"; return 1; }
+  fi
+}
+
+# ctest_tree NAME DIR: runs ctest in a tree and adds its counts.
+ctest_tree() {
+  local name=$1 dir=$2 log="$logdir/$1-ctest.log"
+  echo "== ctest ($name)"
+  (cd "$dir" && ctest -j"$JOBS" --output-on-failure --timeout 600) >"$log" 2>&1
+  local rc=$?
+  grep -E '^(The following tests FAILED|[[:space:]]+[0-9]+ - )|tests passed' "$log" || true
+  local line total nfail
+  line=$(grep -E 'tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" | tail -n1)
+  if [[ -n "$line" ]]; then
+    nfail=$(sed -E 's/.* ([0-9]+) tests? failed out of ([0-9]+).*/\1/' <<<"$line")
+    total=$(sed -E 's/.* failed out of ([0-9]+).*/\1/' <<<"$line")
+    passed=$((passed + total - nfail))
+    failed=$((failed + nfail))
+  elif ! grep -q 'No tests were found' "$log"; then
+    failed=$((failed + 1))
+  fi
+  if ((rc != 0)); then
+    broken+=("ctest-$name")
+    [[ -z "$line" ]] && tail -n 40 "$log"
+  fi
+}
+
+# build_tree NAME DIR ARGS...: configure and build; a failed build counts.
+build_tree() {
+  local name=$1 dir=$2; shift 2
+  echo "== build ($name)"
+  if ! configure "$dir" "$@" || ! cmake --build "$dir" -j"$JOBS" >"$logdir/$name-build.log" 2>&1; then
+    tail -n 60 "$logdir/$name-build.log" 2>/dev/null
+    broken+=("build-$name")
+    failed=$((failed + 1))
+    return 1
+  fi
+}
+
+# pytest_dir NAME PATH: runs a pytest suite against the release tree.
+pytest_dir() {
+  local name=$1 path=$2 log="$logdir/pytest-$1.log"
+  [[ -d "$path" ]] || return 0
+  echo "== pytest ($name)"
+  PYTHONPATH="$PWD/build/python${PYTHONPATH:+:$PYTHONPATH}" \
+  QUORIX_MODULE_PATH="$PWD/build/lib" ZOTDIGEST_BUILD="$PWD/build" \
+    "$PY" -m pytest -q -p no:cacheprovider "$path" >"$log" 2>&1
+  local rc=$?
+  tail -n 15 "$log"
+  local line p f e
+  line=$(grep -E '^=*.*(passed|failed|error|no tests ran)' "$log" | tail -n1)
+  p=$(grep -oE '[0-9]+ passed' <<<"$line" | grep -oE '[0-9]+' || echo 0)
+  f=$(grep -oE '[0-9]+ failed' <<<"$line" | grep -oE '[0-9]+' || echo 0)
+  e=$(grep -oE '[0-9]+ errors?' <<<"$line" | grep -oE '[0-9]+' || echo 0)
+  passed=$((passed + p))
+  failed=$((failed + f + e))
+  # 5 means no tests were collected: not a failure of the suite.
+  if ((rc != 0 && rc != 5)); then
+    broken+=("pytest-$name")
+    ((f + e == 0)) && failed=$((failed + 1))
+  fi
+}
+
+if build_tree release build -DCMAKE_BUILD_TYPE=RelWithDebInfo; then
+  ctest_tree release build
+  pytest_dir python python/tests
+  pytest_dir cli tests/cli
+fi
+
+if build_tree asan build-asan -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ \
+     -DZOTDIGEST_SANITIZE=ON -DZOTDIGEST_FUZZ=ON -DZOTDIGEST_PYTHON=OFF -DZOTDIGEST_BENCH=OFF; then
+  ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+    ctest_tree asan build-asan
+fi
+
+if build_tree tsan build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
+     -DZOTDIGEST_TSAN=ON -DZOTDIGEST_PYTHON=OFF -DZOTDIGEST_CLI=OFF -DZOTDIGEST_BENCH=OFF; then
+  TSAN_OPTIONS="halt_on_error=1 suppressions=$PWD/tools/tsan.supp" ctest_tree tsan build-tsan
+fi
+
+echo
+if ((${#broken[@]})); then echo "failing steps: ${broken[*]}"; fi
+echo "tally: $passed passed, $failed failed"
+((failed == 0 && ${#broken[@]} == 0))
