@@ -1,0 +1,15 @@
+#!/usr/bin/env bash
+# Runs the C++ benchmarks (and the Python ones when present). Timings on a
+# shared two-core machine swing by a quarter: compare ratios within one run.
+set -euo pipefail
+build=${1:-build}
+if [[ -x "$build/bin/zotdigest_bench" ]]; then
+  "$build/bin/zotdigest_bench" --benchmark_counters_tabular=true
+else
+  echo "bench: no benchmarks built yet"
+fi
+if [[ -d bench/python ]]; then
+  for f in bench/python/*.py; do
+    PYTHONPATH="$PWD/$build/python" /usr/bin/python3 "$f"
+  done
+fi
