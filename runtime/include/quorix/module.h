@@ -1,7 +1,9 @@
 // Loading modules by name.
 //
 // Module N is the shared library libN.so, searched on QUORIX_MODULE_PATH
-// (colon-separated) and then in the directory the runtime was built with. It
+// (colon-separated) and then in the directory the runtime was built with
+// (a name that already begins with "lib", such as "libzotdigest", is also
+// tried as N.so, so a module may form its symbols from its file's name). It
 // exports QXInitialize_N, QXTerminate_N, QueryQXFcnTable_N and the texts
 // N_version, N_build_date and N_relative_path. The runtime binds all six or
 // none, calls the initialiser once, and the terminator when the process

@@ -260,7 +260,10 @@ class QUORIX_API ObjectSystem {
   static HostArrayPtr construct(std::string_view className, int nIn, const HostArray* const* in,
                                 int callerAccess = kPublicAccess);
   // Calls a method of the object in in[0]. Returns the output count the
-  // method finally used; the caller owns out[0 .. count-1].
+  // method finally used; the caller owns out[0 .. count-1]. `out` must have
+  // room for max(nOut, 1) arrays (a method may raise a request of 0 to 1);
+  // those slots are set to null before the method runs, so a slot the
+  // method leaves unset stays null.
   static int callMethod(std::string_view methodName, int nOut, HostArray** out, int nIn,
                         const HostArray* const* in, int callerAccess = kPublicAccess);
   static HostArrayPtr getProperty(const HostArray& object, std::string_view name,

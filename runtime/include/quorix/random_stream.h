@@ -58,6 +58,8 @@ class QUORIX_API RandomStream {
   void wholeNumbers(double* out, std::size_t count, double lo, double hi) noexcept;
   // k distinct values of 1..n in random order (partial Fisher-Yates from
   // 1, 2, ..., n; a full permutation makes n - 1 draws). Requires k <= n.
+  // Raises "QUORIX:random:InvalidPermutation" when n is not a whole number
+  // in [k, 2^53] (NaN and Inf included); nothing is drawn then.
   void randomPermutation(double* out, std::size_t k, double n);
   // Moves to the start of substream k (k >= 1) of the current stream.
   void selectSubstream(std::uint64_t k) noexcept;
