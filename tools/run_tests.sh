@@ -91,7 +91,7 @@ fi
 
 if build_tree asan build-asan -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ \
      -DZOTDIGEST_SANITIZE=ON -DZOTDIGEST_FUZZ=ON -DZOTDIGEST_PYTHON=OFF -DZOTDIGEST_BENCH=OFF; then
-  ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+  ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:intercept_tls_get_addr=0 UBSAN_OPTIONS=print_stacktrace=1 \
     ctest_tree asan build-asan
 fi
 
