@@ -1,0 +1,107 @@
+// Helpers shared by the core tests: a full structural check of a centroid
+// tree, digests built from seeded streams, and the error-identifier check.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <bit>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "core/centroid_tree.h"
+#include "core/tdigest.h"
+#include "host/errors.h"
+#include "quorix/messages.h"
+#include "quorix/random_stream.h"
+
+namespace zotdigest::testing {
+
+inline std::unique_ptr<quorix::RandomStream> seededStream(std::uint64_t seed) {
+  return quorix::RandomStream::create("mrg32k3a", 1000000, seed);
+}
+
+inline std::uint64_t bits(double x) { return std::bit_cast<std::uint64_t>(x); }
+
+// Walks the subtree and checks links, heights, balance and subtree counts;
+// returns the node's height (-1 for null) and appends the in-order nodes.
+inline int checkSubtree(const CentroidNode* node, const CentroidNode* parent,
+                        std::vector<const CentroidNode*>& inOrder) {
+  if (node == nullptr) return -1;
+  EXPECT_EQ(node->parent, parent);
+  const int hl = checkSubtree(node->left, node, inOrder);
+  inOrder.push_back(node);
+  const int hr = checkSubtree(node->right, node, inOrder);
+  EXPECT_EQ(node->height, std::max(hl, hr) + 1);
+  EXPECT_LE(std::abs(hr - hl), 1) << "unbalanced at mean " << node->mean;
+  const std::uint64_t below =
+      (node->left ? node->left->subtreeCount : 0) + (node->right ? node->right->subtreeCount : 0);
+  EXPECT_EQ(node->subtreeCount, node->count + below);
+  return node->height;
+}
+
+// Every invariant of a tree built by insertion, plus the navigation
+// operations agreeing with the structure.
+inline void expectValidTree(const CentroidTree& tree) {
+  std::vector<const CentroidNode*> inOrder;
+  checkSubtree(tree.root(), nullptr, inOrder);
+  ASSERT_EQ(tree.size(), inOrder.size());
+  EXPECT_EQ(tree.first(), inOrder.empty() ? nullptr : inOrder.front());
+  EXPECT_EQ(tree.last(), inOrder.empty() ? nullptr : inOrder.back());
+  std::uint64_t before = 0;
+  for (std::size_t i = 0; i < inOrder.size(); ++i) {
+    if (i > 0) {
+      EXPECT_LE(inOrder[i - 1]->mean, inOrder[i]->mean);
+      EXPECT_EQ(CentroidTree::previous(inOrder[i]), inOrder[i - 1]);
+    }
+    EXPECT_EQ(CentroidTree::next(inOrder[i]), i + 1 < inOrder.size() ? inOrder[i + 1] : nullptr);
+    EXPECT_EQ(CentroidTree::headSum(inOrder[i]), before);
+    before += inOrder[i]->count;
+  }
+  if (tree.root() != nullptr) {
+    EXPECT_EQ(tree.root()->subtreeCount, before);
+  }
+}
+
+inline std::vector<Centroid> listOf(const TDigest& digest) {
+  std::vector<Centroid> out;
+  digest.tree.listCentroids(out);
+  return out;
+}
+
+inline std::uint64_t countSum(const TDigest& digest) {
+  std::uint64_t sum = 0;
+  for (const Centroid& c : listOf(digest)) sum += c.count;
+  return sum;
+}
+
+// Same centroids, bit for bit, and the same total.
+inline void expectIdentical(const TDigest& a, const TDigest& b) {
+  EXPECT_EQ(a.totalWeight, b.totalWeight);
+  const std::vector<Centroid> la = listOf(a);
+  const std::vector<Centroid> lb = listOf(b);
+  ASSERT_EQ(la.size(), lb.size());
+  for (std::size_t i = 0; i < la.size(); ++i) {
+    EXPECT_EQ(bits(la[i].mean), bits(lb[i].mean)) << "centroid " << i;
+    EXPECT_EQ(la[i].count, lb[i].count) << "centroid " << i;
+  }
+}
+
+// Runs fn, which must raise the key's own exception type with this
+// identifier.
+template <class Tag, class Fn>
+void expectRaises(Fn&& fn, const std::string& identifier) {
+  try {
+    fn();
+    ADD_FAILURE() << "no error raised, expected " << identifier;
+  } catch (const quorix::MsgIDException& e) {
+    EXPECT_EQ(e.identifier(), identifier);
+    EXPECT_NE(dynamic_cast<const KeyedException<Tag>*>(&e), nullptr)
+        << "wrong type for " << identifier;
+  }
+}
+
+}  // namespace zotdigest::testing
