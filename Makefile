@@ -20,7 +20,7 @@ build: $(BUILD)/build.ninja
 test: deps
 	@tools/run_tests.sh
 
-demo: build
+demo: deps build
 	@tools/demo.sh $(BUILD)
 
 bench: build

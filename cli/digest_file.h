@@ -1,0 +1,144 @@
+// Digest files: one or more saved TDigest objects in a small versioned,
+// compressed, checksummed binary format of our own.
+//
+// Layout of format version 1 (every integer little-endian, written and read
+// byte by byte, never as a struct):
+//
+//   offset size  field
+//        0    8  magic 89 5A 44 47 0D 0A 1A 0A ("\x89ZDG\r\n\x1a\n"): the high
+//                byte and the line-end bytes expose 7-bit and text-mode damage
+//        8    2  format version (1)
+//       10    2  flags, 0 (no flag is defined in version 1)
+//       12    1  compression method: 1 = zlib stream (RFC 1950)
+//       13    3  reserved, 0
+//       16    4  number of digests D (1 .. kMaxDigests)
+//       20    4  CRC-32 of the compressed payload
+//       24    8  payload size before compression (<= kMaxPayloadSize)
+//       32    8  compressed payload size: exactly the bytes after the header
+//       40    4  CRC-32 of bytes 0 .. 39
+//       44       compressed payload
+//
+// The payload, once inflated, holds D digest records, one after the other:
+//
+//   u16 label length, label bytes (free text, e.g. "col3"; may be empty)
+//   u16 class name length, class name bytes ("TDigest")
+//   u16 property count P
+//   P times: u16 name length, name bytes,
+//            u8 element class (the runtime's class numbers: 6 double,
+//               14 int64, 15 uint64), u8 dimension count n (2 .. 8),
+//            n x u64 dimensions, then every element as 8 bytes, in the
+//            array's column-major order (doubles as their IEEE-754 bits).
+//
+// The properties are what the runtime's save reads from an object, in its
+// order; restoring hands them back to the runtime. A newer format version
+// is refused (never guessed at); an older one would be read by its own
+// branch of the one decoder below.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "cli/cli_errors.h"
+#include "quorix/object_system.h"
+
+namespace zotdigest::cli {
+
+inline constexpr std::uint16_t kFormatVersion = 1;
+inline constexpr std::size_t kHeaderSize = 44;
+inline constexpr std::uint8_t kCompressionZlib = 1;
+// Bounds that keep a reader's memory proportional to what the file can
+// honestly describe: a delta-100 digest needs well under a megabyte.
+inline constexpr std::uint64_t kMaxPayloadSize = std::uint64_t{1} << 30;
+inline constexpr std::uint32_t kMaxDigests = std::uint32_t{1} << 20;
+// Compression may grow incompressible data a little; no honest file is
+// longer than this.
+inline constexpr std::uint64_t kMaxCompressedSize =
+    kMaxPayloadSize + (kMaxPayloadSize >> 10) + 1024;
+inline constexpr std::uint64_t kMaxFileSize = kHeaderSize + kMaxCompressedSize;
+inline constexpr std::size_t kMaxLabelLength = 4096;
+inline constexpr std::size_t kMaxNameLength = 255;
+inline constexpr std::size_t kMaxProperties = 64;
+inline constexpr std::size_t kMaxDimensions = 8;
+
+// The one reason a file was refused; each has its own message.
+enum class FileError {
+  TooShort,            // fewer bytes than a header
+  BadMagic,            // not a digest file
+  NewerVersion,        // written by a newer format version
+  BadVersion,          // version 0
+  HeaderChecksum,      // header CRC-32 mismatch
+  BadFlags,            // flags or reserved bytes not zero
+  UnknownCompression,  // compression method not 1
+  BadDigestCount,      // 0 or more than kMaxDigests
+  BadPayloadSize,      // announced payload size impossible or too large
+  Truncated,           // fewer payload bytes than announced
+  TrailingData,        // bytes after the announced payload
+  PayloadChecksum,     // payload CRC-32 mismatch
+  BadCompressedData,   // zlib refused the payload
+  PayloadLength,       // payload inflates to another size than announced
+  BadRecord,           // a digest record is malformed or incomplete
+  TrailingPayload,     // bytes left after the last digest record
+  InvalidDigest,       // a record is well formed but no valid TDigest state
+};
+
+// Why a digest file was refused; an InputError (exit status 2).
+class DigestFileError : public InputError {
+ public:
+  DigestFileError(FileError code, const std::string& message);
+  FileError code() const noexcept { return code_; }
+
+ private:
+  FileError code_;
+};
+
+// One digest as stored: a label and the saved object.
+struct StoredDigest {
+  std::string label;
+  quorix::SavedObject saved;
+};
+
+// The fixed header fields as read from a file.
+struct FileHeader {
+  std::uint16_t version = 0;
+  std::uint16_t flags = 0;
+  std::uint8_t compression = 0;
+  std::uint32_t digestCount = 0;
+  std::uint32_t payloadCrc = 0;
+  std::uint64_t payloadSize = 0;
+  std::uint64_t compressedSize = 0;
+  std::uint32_t headerCrc = 0;
+};
+
+struct DigestFile {
+  FileHeader header;
+  std::vector<StoredDigest> digests;
+};
+
+// --- writing -----------------------------------------------------------------
+// The uncompressed payload of the digests. Throws InputError when a digest
+// cannot be stored (a property of another class than double, int64 or
+// uint64, a complex value, names or labels beyond the limits) or fails the
+// TDigest state check, so nothing is written that reading would refuse.
+std::vector<std::byte> encodePayload(const std::vector<StoredDigest>& digests);
+// Compresses a payload and puts the header in front. digestCount is
+// written as given (tests use this to craft damaged files).
+std::vector<std::byte> packDigestFile(std::span<const std::byte> payload,
+                                      std::uint32_t digestCount);
+// encodePayload then packDigestFile.
+std::vector<std::byte> encodeDigestFile(const std::vector<StoredDigest>& digests);
+
+// --- reading -----------------------------------------------------------------
+// True when the bytes begin with the digest-file magic number.
+bool hasDigestMagic(std::span<const std::byte> bytes) noexcept;
+// The decoder every reader uses: checks the header, the checksums and every
+// record, then the TDigest state of each digest. Throws DigestFileError with
+// one specific code; never reads outside `bytes`.
+DigestFile decodeDigestFile(std::span<const std::byte> bytes);
+
+// CRC-32 (the zlib polynomial) of a byte span.
+std::uint32_t crc32Of(std::span<const std::byte> bytes) noexcept;
+
+}  // namespace zotdigest::cli

@@ -1,0 +1,128 @@
+// Everything the tool does to digests, done through the runtime: the module
+// is loaded by name, objects of class "TDigest" are made, asked and saved
+// only through the object system and the module's function table. Nothing
+// here knows how a digest works inside.
+//
+// Errors of the module and the runtime leave as quorix::MsgIDException,
+// untouched; the tool's own refusals are InputError.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cli/digest_file.h"
+#include "cli/number_readers.h"
+#include "quorix/host_array.h"
+#include "quorix/module.h"
+
+namespace zotdigest::cli {
+
+// libzotdigest, loaded (once per process) through the runtime's module
+// path. Raises "QUORIX:module:NotFound" naming the directories searched.
+quorix::Module& digestModule();
+
+// A scalar "TDigest" object and the label it is shown and stored under.
+struct Digest {
+  std::string label;
+  quorix::HostArrayPtr object;
+};
+
+struct BuildSettings {
+  double delta = 100.0;
+  // When set, values are added serially with a random stream of this seed
+  // ("mrg32k3a"), so the same input gives the same digest. Otherwise the
+  // module's parallel path runs, which is faster and not reproducible.
+  std::optional<std::uint32_t> seed;
+  // Elements per call of "add": memory stays bounded by this, whatever the
+  // input's size.
+  std::size_t chunkElements = std::size_t{1} << 20;
+};
+
+// One digest from any number of inputs, read and added chunk by chunk.
+class DigestBuilder {
+ public:
+  // Makes the empty digest; the module refuses a Delta that is not > 0.
+  explicit DigestBuilder(const BuildSettings& settings);
+  ~DigestBuilder();
+  // Adds every number of the reader. Checks for Ctrl-C between chunks.
+  void add(NumberReader& reader);
+  quorix::HostArrayPtr finish();
+
+ private:
+  BuildSettings settings_;
+  quorix::HostArrayPtr object_;
+  const quorix::HostArray* stream_ = nullptr;
+  std::vector<std::uint64_t> buffer_;
+};
+
+// One digest per column of 1-D or 2-D .npy inputs, which must all have the
+// same number of columns. Without a seed each block of rows goes through
+// the module's column build (routine 1 of its function table, parallel)
+// and the block's digests are merged into the columns' digests. With a
+// seed each column is added serially with its own stream: substream c + 1
+// of the seed's stream for column c, so a column's digest depends on its
+// own values only, and not on the file's memory order.
+class ColumnDigestBuilder {
+ public:
+  explicit ColumnDigestBuilder(const BuildSettings& settings);
+  ~ColumnDigestBuilder();
+  // InputError when the reader's column count differs from earlier inputs.
+  void add(ColumnBlockReader& reader);
+  // One digest per column, in column order (empty digests for columns of
+  // no rows); InputError when no input had a column.
+  std::vector<quorix::HostArrayPtr> finish();
+
+ private:
+  const quorix::HostArray& columnDigest(std::size_t column);
+  void addBlockSerially(const ColumnBlock& block, const ColumnBlockReader& reader);
+  void addBlockInParallel(const ColumnBlock& block, const ColumnBlockReader& reader);
+
+  BuildSettings settings_;
+  std::optional<std::size_t> columns_;
+  std::vector<quorix::HostArrayPtr> digests_;
+  std::vector<const quorix::HostArray*> streams_;
+  std::vector<std::uint64_t> buffer_;
+};
+
+struct DigestStats {
+  double delta = 0.0;
+  std::uint64_t dataPoints = 0;  // NumDataPoints
+  std::uint64_t centroids = 0;   // NumCentroids
+};
+
+struct CentroidList {
+  std::vector<double> means;
+  std::vector<std::uint64_t> counts;
+};
+
+// The public properties Delta, NumDataPoints and NumCentroids.
+DigestStats digestStats(const quorix::HostArray& digest);
+// The methods "icdf", "cdf" and "trimmedMean", one answer per argument
+// (NaN in, NaN out). The module raises IcdfInvalidQuantile for p outside
+// [0, 1], CdfNoData on an empty digest, TrimmedMeanInvalidTrim for a trim
+// outside [0, 0.5) and TrimmedMeanNoData on an empty digest.
+std::vector<double> quantiles(const quorix::HostArray& digest, const std::vector<double>& p);
+std::vector<double> cdf(const quorix::HostArray& digest, const std::vector<double>& x);
+std::vector<double> trimmedMeans(const quorix::HostArray& digest, const std::vector<double>& trims);
+// The method "centroids": means ascending, with their counts.
+CentroidList centroids(const quorix::HostArray& digest);
+
+// Merges digests into one: routine 0 of the module's function table. The
+// module raises MergeDeltaMismatch when their Delta values differ.
+quorix::HostArrayPtr mergeDigests(const std::vector<const quorix::HostArray*>& digests);
+// Merges column by column: inputs[f][c] is column c of input f, and every
+// input has the same number of columns; answer c merges column c of all
+// inputs (routine 2 of the function table). Differing Delta values in one
+// column raise "stats:tdigest:MergeDeltaMismatch" here, because the column
+// merge itself would silently keep the last one.
+std::vector<quorix::HostArrayPtr> mergeColumns(
+    const std::vector<std::vector<const quorix::HostArray*>>& inputs);
+
+// The runtime's save of a digest, and the restore of a stored one.
+StoredDigest storeDigest(const Digest& digest);
+Digest restoreDigest(const StoredDigest& stored);
+
+}  // namespace zotdigest::cli
