@@ -1,0 +1,32 @@
+// HostObject: what a Python TDigest holds.
+//
+// A Python wrapper shares ownership of one object of the runtime's object
+// system; several wrappers may share one object (an object array handed back
+// by a routine and the same objects passed in again). The object lives as
+// long as the last handle, Python's or the runtime's.
+#pragma once
+
+#include <memory>
+
+#include "quorix/host_array.h"
+#include "quorix/random_stream.h"
+
+namespace zotdigest::python {
+
+// The module's class that the front end wraps. Objects of other classes are
+// not handed to Python.
+inline constexpr const char* kWrappedClass = "TDigest";
+
+struct HostObject {
+  quorix::ObjectHandle handle;
+  // A digest borrows the stream it was last given and may keep pointing at
+  // it after the call; holding the stream here keeps that pointer valid for
+  // as long as this wrapper lives.
+  std::shared_ptr<quorix::RandomStream> lastStream;
+
+  // A scalar object array sharing the handle, the form in which the runtime
+  // takes and gives objects.
+  quorix::HostArrayPtr asArray() const { return quorix::HostArray::createScalarObject(handle); }
+};
+
+}  // namespace zotdigest::python

@@ -1,0 +1,18 @@
+// The extension zotdigest._core: wires each concept's bindings, nothing else.
+#include <pybind11/pybind11.h>
+
+#include "conversion.h"
+#include "errors.h"
+#include "random_stream.h"
+#include "routines.h"
+#include "tdigest.h"
+
+PYBIND11_MODULE(_core, m) {
+  namespace zp = zotdigest::python;
+  m.doc() = "Bindings of the zotdigest module; use the package zotdigest.";
+  zp::register_errors(m);
+  zp::register_conversion(m);
+  zp::register_random_stream(m);
+  zp::register_tdigest(m);
+  zp::register_routines(m);
+}
