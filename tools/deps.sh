@@ -9,6 +9,7 @@ packages=(
   libtbb-dev zlib1g-dev libcli11-dev
   python3-dev pybind11-dev python3-numpy python3-pytest
   python3-dask python3-distributed
+  xz-utils  # tools/tsan_tbb.sh unpacks the oneTBB source tarball
 )
 
 missing=()
