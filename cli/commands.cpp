@@ -13,6 +13,7 @@
 #include "cli/digest_ops.h"
 #include "cli/number_readers.h"
 #include "cli/output.h"
+#include "cli/progress.h"
 #include "quorix/messages.h"
 
 namespace zotdigest::cli {
@@ -90,16 +91,21 @@ BuildSettings settingsOf(const InputOptions& in) {
 std::vector<Digest> buildDigests(const InputOptions& in,
                                  std::vector<std::unique_ptr<ByteSource>> sources) {
   const InputFormat format = parseInputFormat(in.format);
+  // On the way out by an error the line is wiped, before main reports it.
+  ProgressLine progress(ProgressLine::wanted(in.quiet));
+  BuildSettings settings = settingsOf(in);
+  settings.progress = &progress;
   if (in.columns) {
     if (format == InputFormat::Text || format == InputFormat::Raw) {
       throw InputError("--columns reads .npy files; text and raw input have no columns");
     }
-    ColumnDigestBuilder builder(settingsOf(in));
+    ColumnDigestBuilder builder(settings);
     for (auto& source : sources) {
-      ColumnBlockReader reader(std::move(source), settingsOf(in).chunkElements);
+      ColumnBlockReader reader(std::move(source), settings.chunkElements);
       builder.add(reader);
     }
     std::vector<quorix::HostArrayPtr> objects = builder.finish();
+    progress.finish();
     std::vector<Digest> digests;
     const std::string prefix = in.label.empty() ? "col" : in.label + ".col";
     for (std::size_t c = 0; c < objects.size(); ++c) {
@@ -107,11 +113,12 @@ std::vector<Digest> buildDigests(const InputOptions& in,
     }
     return digests;
   }
-  DigestBuilder builder(settingsOf(in));
+  DigestBuilder builder(settings);
   for (auto& source : sources) {
     const std::unique_ptr<NumberReader> reader = openNumbers(std::move(source), format, in.dtype);
     builder.add(*reader);
   }
+  progress.finish();
   std::vector<Digest> digests;
   digests.push_back(Digest{in.label, builder.finish()});
   return digests;

@@ -19,6 +19,7 @@ struct InputOptions {
   std::optional<std::uint32_t> seed;
   bool columns = false;  // one digest per column of .npy input
   std::string label;
+  bool quiet = false;  // no progress line while numbers are read
 };
 
 struct OutputOptions {

@@ -122,6 +122,9 @@ void DigestBuilder::add(NumberReader& reader) {
     }
     const HostArrayPtr chunk = viewOf(buffer_.data(), n, 1, reader.elementClass());
     addChunk(*object_, *chunk, stream_);
+    if (settings_.progress) {
+      settings_.progress->advance(n);
+    }
   }
 }
 
@@ -166,6 +169,9 @@ void ColumnDigestBuilder::add(ColumnBlockReader& reader) {
       addBlockInParallel(block, reader);
     }
     quorix::checkInterrupt();
+    if (settings_.progress) {
+      settings_.progress->advance(std::uint64_t{block.rows} * std::uint64_t{block.columns});
+    }
   }
 }
 

@@ -15,6 +15,7 @@
 
 #include "cli/digest_file.h"
 #include "cli/number_readers.h"
+#include "cli/progress.h"
 #include "quorix/host_array.h"
 #include "quorix/module.h"
 
@@ -39,6 +40,8 @@ struct BuildSettings {
   // Elements per call of "add": memory stays bounded by this, whatever the
   // input's size.
   std::size_t chunkElements = std::size_t{1} << 20;
+  // Told about every chunk added, when set.
+  ProgressLine* progress = nullptr;
 };
 
 // One digest from any number of inputs, read and added chunk by chunk.
@@ -47,7 +50,8 @@ class DigestBuilder {
   // Makes the empty digest; the module refuses a Delta that is not > 0.
   explicit DigestBuilder(const BuildSettings& settings);
   ~DigestBuilder();
-  // Adds every number of the reader. Checks for Ctrl-C between chunks.
+  // Adds every number of the reader. Checks for Ctrl-C and reports
+  // progress between chunks.
   void add(NumberReader& reader);
   quorix::HostArrayPtr finish();
 

@@ -60,6 +60,9 @@ void addBuildOptions(CLI::App& sub, InputOptions& in, Seed& seed) {
   sub.add_option("--dtype", in.dtype,
                  "Element type of raw input: float64 float32 int8 uint8 int16 uint16 int32 "
                  "uint32 int64 uint64");
+  sub.add_flag("-q,--quiet", in.quiet,
+               "No progress line on standard error (it shows only when standard error is a "
+               "terminal and the reading takes over half a second)");
 }
 
 void addOutputOptions(CLI::App& sub, OutputOptions& out) {

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# The main job from the shell: summarise a column of numbers, ask it
-# questions, merge partial summaries.
+# The main job from the shell: ten million numbers summarised on every
+# core and checked against their exact quantiles, then the everyday
+# commands (tools/demo_steps.sh). Argument: the build tree.
 set -euo pipefail
 build=${1:-build}
 tool="$build/bin/zotdigest"
