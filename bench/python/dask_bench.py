@@ -30,7 +30,7 @@ def main():
     local = None
     for block in x.to_delayed():
         part = zotdigest.TDigest(block.compute(scheduler="sync"))
-        local = part if local is None else zotdigest.merge_digests([local, part])
+        local = part if local is None else zotdigest.merge([local, part])
     local_s = time.perf_counter() - t0
 
     with distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True,

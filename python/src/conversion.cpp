@@ -21,6 +21,13 @@ namespace {
 
 py::module_ numpy() { return py::module_::import("numpy"); }
 
+// numpy.generic, the base of the NumPy scalar types; looked up once and kept
+// for the life of the process.
+PyObject* numpyGeneric() {
+  static PyObject* const generic = py::object(numpy().attr("generic")).release().ptr();
+  return generic;
+}
+
 HostArrayPtr emptyDouble() { return HostArray::createNumericMatrix(0, 0, ClassID::Double); }
 
 [[noreturn]] void refuse(const std::string& what) {
@@ -81,46 +88,33 @@ ClassID numericClass(char kind, py::ssize_t itemsize) {
 
 // The NumPy dtype of a host numeric or logical class.
 py::dtype numpyDtype(ClassID id, bool complex) {
-  std::string code;
   switch (id) {
     case ClassID::Logical:
-      code = "?";
-      break;
+      return py::dtype::of<bool>();
     case ClassID::Double:
-      code = complex ? "c16" : "f8";
-      break;
+      return complex ? py::dtype::of<std::complex<double>>() : py::dtype::of<double>();
     case ClassID::Single:
-      code = complex ? "c8" : "f4";
-      break;
+      return complex ? py::dtype::of<std::complex<float>>() : py::dtype::of<float>();
     case ClassID::Int8:
-      code = "i1";
-      break;
+      return py::dtype::of<std::int8_t>();
     case ClassID::UInt8:
-      code = "u1";
-      break;
+      return py::dtype::of<std::uint8_t>();
     case ClassID::Int16:
-      code = "i2";
-      break;
+      return py::dtype::of<std::int16_t>();
     case ClassID::UInt16:
-      code = "u2";
-      break;
+      return py::dtype::of<std::uint16_t>();
     case ClassID::Int32:
-      code = "i4";
-      break;
+      return py::dtype::of<std::int32_t>();
     case ClassID::UInt32:
-      code = "u4";
-      break;
+      return py::dtype::of<std::uint32_t>();
     case ClassID::Int64:
-      code = "i8";
-      break;
+      return py::dtype::of<std::int64_t>();
     case ClassID::UInt64:
-      code = "u8";
-      break;
+      return py::dtype::of<std::uint64_t>();
     default:
       throw py::type_error("zotdigest: the module returned a value of class " +
                            std::string(quorix::className(id)) + ", which Python cannot receive");
   }
-  return py::dtype(code);
 }
 
 // Keeps a NumPy array alive for as long as a host view of it exists. The last
@@ -176,10 +170,11 @@ HostArrayPtr objectsToHost(const py::array& a) {
   handles.reserve(n);
   for (std::size_t i = 0; i < n; ++i) {
     const py::object item = flat[py::int_(i)];
-    if (!py::isinstance<HostObject>(item)) {
+    const HostObject* const object = hostObjectOf(item);
+    if (object == nullptr) {
       refuse("an object array holding " + py::repr(item).cast<std::string>());
     }
-    const quorix::ObjectHandle& handle = item.cast<const HostObject&>().handle;
+    const quorix::ObjectHandle& handle = object->handle;
     if (i == 0) {
       className = handle->className();
     } else if (handle->className() != className) {
@@ -234,7 +229,7 @@ py::object wrapObject(const quorix::ObjectHandle& handle) {
     throw py::type_error("zotdigest: the module returned an object of class " +
                          handle->className() + ", which Python cannot receive");
   }
-  return py::cast(HostObject{handle, nullptr});
+  return py::cast(HostObject(handle));
 }
 
 py::tuple shapeOf(const Dims& dims) {
@@ -256,10 +251,10 @@ std::vector<py::ssize_t> fortranStrides(const Dims& dims, py::ssize_t itemsize) 
 }
 
 template <class T>
-py::object complexToNumpy(const HostArray& array) {
+py::object complexToNumpy(const HostArray& array, const Dims& dims) {
   const py::dtype dtype = numpyDtype(array.classID(), true);
-  std::vector<py::ssize_t> shape(array.dims().begin(), array.dims().end());
-  py::array out(dtype, shape, fortranStrides(array.dims(), dtype.itemsize()));
+  std::vector<py::ssize_t> shape(dims.begin(), dims.end());
+  py::array out(dtype, shape, fortranStrides(dims, dtype.itemsize()));
   auto* target = static_cast<std::complex<T>*>(out.mutable_data());
   const T* re = array.data<T>();
   const T* im = static_cast<const T*>(array.imagData());
@@ -269,52 +264,143 @@ py::object complexToNumpy(const HostArray& array) {
   return out;
 }
 
-py::object numericToNumpy(HostArrayPtr array) {
+// A numeric or logical array as a NumPy array of the given dimensions (of
+// the array's element count; column-major).
+py::object numericToNumpy(HostArrayPtr array, const Dims& dims) {
   if (array->isComplex()) {
-    return array->classID() == ClassID::Single ? complexToNumpy<float>(*array)
-                                               : complexToNumpy<double>(*array);
+    return array->classID() == ClassID::Single ? complexToNumpy<float>(*array, dims)
+                                               : complexToNumpy<double>(*array, dims);
   }
   const py::dtype dtype = numpyDtype(array->classID(), false);
   if (static_cast<std::size_t>(dtype.itemsize()) != quorix::elementSize(array->classID())) {
     throw py::type_error("zotdigest: element size mismatch for class " +
                          std::string(quorix::className(array->classID())));
   }
-  const Dims dims = array->dims();
   std::vector<py::ssize_t> shape(dims.begin(), dims.end());
+  std::vector<py::ssize_t> strides = fortranStrides(dims, dtype.itemsize());
   void* data = array->realData();
   // The NumPy array takes over the host array's memory.
   py::capsule owner(array.release(), [](void* p) { delete static_cast<HostArray*>(p); });
-  return py::array(dtype, shape, fortranStrides(dims, dtype.itemsize()), data, owner);
+  return py::array(dtype, std::move(shape), std::move(strides), data, owner);
+}
+
+py::object numericToNumpy(HostArrayPtr array) {
+  const Dims dims = array->dims();
+  return numericToNumpy(std::move(array), dims);
+}
+
+bool numericOrLogical(const HostArray& array) {
+  return array.isNumeric() || array.classID() == ClassID::Logical;
+}
+
+// The single element of a numeric or logical array as a Python number, the
+// type ndarray.item() gives.
+py::object pythonNumber(const HostArray& array) {
+  if (array.isComplex()) {
+    const double re = array.elementAsDouble(0);
+    const double im = array.classID() == ClassID::Single
+                          ? static_cast<double>(*static_cast<const float*>(array.imagData()))
+                          : *static_cast<const double*>(array.imagData());
+    return py::reinterpret_steal<py::object>(PyComplex_FromDoubles(re, im));
+  }
+  switch (array.classID()) {
+    case ClassID::Double:
+      return py::float_(*array.data<double>());
+    case ClassID::Single:
+      return py::float_(static_cast<double>(*array.data<float>()));
+    case ClassID::Logical:
+      return py::bool_(*array.data<std::uint8_t>() != 0);
+    case ClassID::Int8:
+      return py::int_(*array.data<std::int8_t>());
+    case ClassID::UInt8:
+      return py::int_(*array.data<std::uint8_t>());
+    case ClassID::Int16:
+      return py::int_(*array.data<std::int16_t>());
+    case ClassID::UInt16:
+      return py::int_(*array.data<std::uint16_t>());
+    case ClassID::Int32:
+      return py::int_(*array.data<std::int32_t>());
+    case ClassID::UInt32:
+      return py::int_(*array.data<std::uint32_t>());
+    case ClassID::Int64:
+      return py::int_(*array.data<std::int64_t>());
+    case ClassID::UInt64:
+      return py::int_(*array.data<std::uint64_t>());
+    default:
+      throw py::type_error("zotdigest: the module returned a value of class " +
+                           std::string(quorix::className(array.classID())) +
+                           ", which Python cannot receive");
+  }
 }
 
 }  // namespace
 
-HostArrayPtr toHostArray(py::handle value) {
-  if (value.is_none()) {
-    return emptyDouble();
+HostObject* hostObjectOf(py::handle value) {
+  // The class's pybind11 record, looked up once: the type test below then
+  // costs a pointer comparison for the class itself.
+  static const py::detail::type_info* const record =
+      py::detail::get_type_info(typeid(HostObject), true);
+  PyObject* const p = value.ptr();
+  if (Py_TYPE(p) != record->type && PyObject_TypeCheck(p, record->type) == 0) {
+    return nullptr;
   }
-  if (py::isinstance<HostObject>(value)) {
-    return value.cast<const HostObject&>().asArray();
+  const py::detail::value_and_holder slot =
+      reinterpret_cast<py::detail::instance*>(p)->get_value_and_holder(record, false);
+  // Not yet constructed while an instance made by __new__ waits for
+  // __init__ or __setstate__.
+  if (!slot || !slot.holder_constructed()) {
+    return nullptr;
   }
-  if (auto stream = streamOf(value)) {
-    return quorix::RandomStream::toHostValue(std::move(stream));
-  }
-  PyObject* p = value.ptr();
-  const bool numpyScalar = py::isinstance(value, numpy().attr("generic"));
-  if (!numpyScalar && !PyBool_Check(p) && (PyLong_Check(p) || PyFloat_Check(p))) {
-    const double x = PyFloat_AsDouble(p);
-    if (x == -1.0 && PyErr_Occurred() != nullptr) {
-      throw py::error_already_set();
+  return slot.value_ptr<HostObject>();
+}
+
+HostArrayPtr toHostArray(py::handle value, ArgumentShape* shape) {
+  ArgumentShape seen;
+  HostArrayPtr array = [&]() -> HostArrayPtr {
+    PyObject* const p = value.ptr();
+    // The common scalar arguments first, without any look-up.
+    if (PyFloat_CheckExact(p)) {
+      seen.kind = ArgumentShape::Kind::PythonNumber;
+      return HostArray::createDoubleScalar(PyFloat_AS_DOUBLE(p));
     }
-    return HostArray::createDoubleScalar(x);
+    if (value.is_none()) {
+      return emptyDouble();
+    }
+    if (HostObject* object = hostObjectOf(value)) {
+      return object->array->clone();
+    }
+    if (auto stream = streamOf(value)) {
+      return quorix::RandomStream::toHostValue(std::move(stream));
+    }
+    const bool numpyScalar = PyObject_IsInstance(p, numpyGeneric()) == 1;
+    if (!numpyScalar && (PyComplex_Check(p) || PyLong_Check(p) || PyFloat_Check(p))) {
+      seen.kind = ArgumentShape::Kind::PythonNumber;
+      if (!PyBool_Check(p) && !PyComplex_Check(p)) {
+        const double x = PyFloat_AsDouble(p);
+        if (x == -1.0 && PyErr_Occurred() != nullptr) {
+          throw py::error_already_set();
+        }
+        return HostArray::createDoubleScalar(x);
+      }
+    }
+    if (PyUnicode_Check(p)) {
+      return HostArray::createChar(value.cast<std::string>());
+    }
+    if ((PyList_Check(p) || PyTuple_Check(p)) && PySequence_Size(p) == 0) {
+      seen = {ArgumentShape::Kind::Array, 1, 0};
+      return emptyDouble();
+    }
+    const py::array a = numpy().attr("asarray")(value);
+    if (a.ndim() > 0) {
+      seen = {ArgumentShape::Kind::Array, static_cast<int>(a.ndim()),
+              static_cast<std::size_t>(a.size())};
+    }
+    return arrayToHost(a);
+  }();
+  if (shape != nullptr) {
+    *shape = seen;
   }
-  if (PyUnicode_Check(p)) {
-    return HostArray::createChar(value.cast<std::string>());
-  }
-  if ((PyList_Check(p) || PyTuple_Check(p)) && PySequence_Size(p) == 0) {
-    return emptyDouble();
-  }
-  return arrayToHost(numpy().attr("asarray")(value));
+  return array;
 }
 
 py::object toPython(HostArrayPtr array) {
@@ -334,6 +420,33 @@ py::object toPython(HostArrayPtr array) {
   }
 }
 
+py::object answerAfter(HostArrayPtr answer, const ArgumentShape& argument) {
+  if (!answer || !numericOrLogical(*answer)) {
+    return toPython(std::move(answer));
+  }
+  const std::size_t n = answer->numel();
+  if (argument.ndim == 0 && n == 1) {
+    if (argument.kind == ArgumentShape::Kind::PythonNumber) {
+      return pythonNumber(*answer);
+    }
+    // A NumPy scalar of the answer's dtype.
+    return numericToNumpy(std::move(answer), Dims{1})[py::int_(0)];
+  }
+  if (argument.ndim == 1 && n == argument.size) {
+    return numericToNumpy(std::move(answer), Dims{n});
+  }
+  return toPython(std::move(answer));
+}
+
+py::object answerWithoutArguments(HostArrayPtr answer) {
+  if (answer && numericOrLogical(*answer) && answer->dims().size() == 2 &&
+      answer->dims()[1] == 1) {
+    const std::size_t n = answer->numel();
+    return numericToNumpy(std::move(answer), Dims{n});
+  }
+  return toPython(std::move(answer));
+}
+
 py::array objectArrayToNumpy(const HostArray& array) {
   py::array flat = numpy().attr("empty")(array.numel(), py::arg("dtype") = "object");
   for (std::size_t i = 0; i < array.numel(); ++i) {
@@ -347,42 +460,6 @@ std::shared_ptr<quorix::RandomStream> streamOf(py::handle value) {
     return value.cast<const StreamHandle&>().stream;
   }
   return nullptr;
-}
-
-void HostInputs::add(HostArrayPtr array) {
-  raw_.push_back(array.get());
-  owned_.push_back(std::move(array));
-}
-
-HostInputs optionalInputs(std::initializer_list<py::handle> values) {
-  std::size_t count = 0;
-  std::size_t position = 0;
-  for (const py::handle value : values) {
-    ++position;
-    if (!value.is_none()) {
-      count = position;
-    }
-  }
-  HostInputs inputs;
-  for (const py::handle value : values) {
-    if (count-- == 0) {
-      break;
-    }
-    inputs.add(toHostArray(value));
-  }
-  return inputs;
-}
-
-HostOutputs::~HostOutputs() {
-  for (HostArray* slot : slots_) {
-    delete slot;
-  }
-}
-
-HostArrayPtr HostOutputs::release(std::size_t i) {
-  HostArrayPtr taken(slots_.at(i));
-  slots_[i] = nullptr;
-  return taken;
 }
 
 void register_conversion(py::module_& m) {

@@ -26,13 +26,19 @@
 // arrays with the host's dimensions (two or more) that take over the host
 // array's memory; complex arrays are copied; char arrays become str; a scalar
 // object becomes its Python wrapper, other object arrays NumPy object arrays.
+//
+// Answers of methods (answerAfter) take the shape of the first argument, as
+// a NumPy user expects: a Python number in gives a Python number out, any
+// other 0-d value (a NumPy scalar, a 0-d array) a NumPy scalar, a 1-D array
+// of n elements a 1-D array of n elements; 2-D and more keep the module's
+// 2-D answer. Answers of a call without arguments that are column vectors
+// (the centroid listing) become 1-D.
 #pragma once
 
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 
 #include <cstddef>
-#include <initializer_list>
 #include <memory>
 #include <vector>
 
@@ -41,14 +47,40 @@
 
 namespace zotdigest::python {
 
+struct HostObject;
+
+// What an argument looked like in Python, for shaping an answer after it.
+struct ArgumentShape {
+  enum class Kind {
+    PythonNumber,  // int, float, bool or complex, not a NumPy scalar
+    Scalar,        // any other value of no dimensions
+    Array,         // one dimension or more
+  };
+  Kind kind = Kind::Scalar;
+  int ndim = 0;
+  std::size_t size = 1;
+};
+
 // Python value -> host array, by the rules above. Raises TypeError for values
-// without a host counterpart.
-quorix::HostArrayPtr toHostArray(pybind11::handle value);
+// without a host counterpart. When `shape` is given, records there what the
+// value looked like.
+quorix::HostArrayPtr toHostArray(pybind11::handle value, ArgumentShape* shape = nullptr);
+
+// The wrapped object of a Python TDigest (or of a subclass), else null.
+HostObject* hostObjectOf(pybind11::handle value);
 
 // Host array -> Python value, by the rules above; takes ownership. Raises
 // TypeError for classes Python cannot receive (cell, struct, objects of
 // classes other than TDigest).
 pybind11::object toPython(quorix::HostArrayPtr array);
+
+// The answer of a method called with a first argument of this shape, shaped
+// by the rules above; takes ownership.
+pybind11::object answerAfter(quorix::HostArrayPtr answer, const ArgumentShape& argument);
+
+// The answer of a method called without arguments: a column vector becomes
+// 1-D, anything else is toPython's.
+pybind11::object answerWithoutArguments(quorix::HostArrayPtr answer);
 
 // An object array as a NumPy object array of the host's dimensions, also
 // when it holds a single object.
@@ -56,41 +88,6 @@ pybind11::array objectArrayToNumpy(const quorix::HostArray& array);
 
 // The stream held by a Python RandomStream, or null for any other value.
 std::shared_ptr<quorix::RandomStream> streamOf(pybind11::handle value);
-
-// The converted inputs of one call, in order, with the raw pointer list the
-// runtime takes.
-class HostInputs {
- public:
-  void add(quorix::HostArrayPtr array);
-  int count() const noexcept { return static_cast<int>(raw_.size()); }
-  const quorix::HostArray* const* data() const noexcept { return raw_.data(); }
-
- private:
-  std::vector<quorix::HostArrayPtr> owned_;
-  std::vector<const quorix::HostArray*> raw_;
-};
-
-// The inputs of a call whose trailing arguments are optional: as many as the
-// last argument that is not None requires, the None values before it passed
-// as empty arrays (so f(x, None, s) passes three inputs and f(x) one).
-HostInputs optionalInputs(std::initializer_list<pybind11::handle> values);
-
-// Output slots of one call. Arrays the runtime stores in a slot belong to the
-// caller; release() hands them over, the destructor frees any not taken.
-class HostOutputs {
- public:
-  explicit HostOutputs(std::size_t slots) : slots_(slots == 0 ? 1 : slots, nullptr) {}
-  ~HostOutputs();
-  HostOutputs(const HostOutputs&) = delete;
-  HostOutputs& operator=(const HostOutputs&) = delete;
-
-  quorix::HostArray** data() noexcept { return slots_.data(); }
-  // Takes output i (null if the runtime left it empty).
-  quorix::HostArrayPtr release(std::size_t i);
-
- private:
-  std::vector<quorix::HostArray*> slots_;
-};
 
 // Adds the test helper _host_array_info(value): how a value reaches the
 // runtime (class name, dimensions, complex flag, whether the host array

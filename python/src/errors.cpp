@@ -1,7 +1,10 @@
 #include "errors.h"
 
+#include <atomic>
 #include <mutex>
+#include <new>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -15,11 +18,66 @@ namespace {
 
 constexpr const char* kInterruptedID = "QUORIX:interrupt:Interrupted";
 
-// The two Python classes. Created once and never released: they must outlive
+// Identifiers that name a wrong kind of argument: what Python code reports
+// with TypeError.
+constexpr std::string_view kTypeErrors[] = {
+    "QUORIX:class:RequireReal",
+    "QUORIX:class:RequireNumeric",
+    "QUORIX:class:RequireClass",
+    "QUORIX:class:RequireScalarObject",
+    "QUORIX:class:NoMatchingSignature",
+    "QUORIX:class:WrongNumberOfConstructorArgs",
+    "QUORIX:random:InvalidStream",
+    "QUORIX:array:WrongClass",
+    "QUORIX:array:NotNumeric",
+    "stats:tdigest:DeltaInvalidType",
+    "stats:tdigest:InvalidNumInputs",
+};
+
+// Identifiers that name a value out of its range, inputs that do not fit
+// together, or a digest that cannot answer: what Python code reports with
+// ValueError.
+constexpr std::string_view kValueErrors[] = {
+    "QUORIX:random:UnknownGenerator",
+    "QUORIX:random:InvalidSeed",
+    "QUORIX:random:InvalidStreamCount",
+    "QUORIX:random:InvalidPermutation",
+    "stats:tdigest:DataMalformed",
+    "stats:tdigest:CdfNoData",
+    "stats:tdigest:IcdfInvalidQuantile",
+    "stats:tdigest:TrimmedMeanInvalidTrim",
+    "stats:tdigest:TrimmedMeanNoData",
+    "stats:tdigest:MergeDeltaMismatch",
+    "stats:tdigest:DeltaInvalidValue",
+    "stats:tdigest:General",
+};
+
+// The Python classes. Created once and never released: they must outlive
 // every module-level object, and the interpreter owns them through the
 // module's dictionary anyway.
-PyObject* errorClass = nullptr;
-PyObject* warningClass = nullptr;
+PyObject* hostError = nullptr;
+PyObject* hostValueError = nullptr;
+PyObject* hostTypeError = nullptr;
+PyObject* hostWarning = nullptr;
+
+bool listed(const std::string_view* begin, const std::string_view* end, std::string_view id) {
+  for (const std::string_view* entry = begin; entry != end; ++entry) {
+    if (*entry == id) {
+      return true;
+    }
+  }
+  return false;
+}
+
+PyObject* errorClassFor(std::string_view identifier) {
+  if (listed(std::begin(kTypeErrors), std::end(kTypeErrors), identifier)) {
+    return hostTypeError;
+  }
+  if (listed(std::begin(kValueErrors), std::end(kValueErrors), identifier)) {
+    return hostValueError;
+  }
+  return hostError;
+}
 
 struct PendingWarning {
   std::string identifier;
@@ -27,10 +85,12 @@ struct PendingWarning {
 };
 
 // Filled by the sink from any thread, drained by the boundary under the GIL.
-// Leaked on purpose: the runtime keeps the sink past static destruction.
+// `count` lets the boundary skip the mutex when nothing is queued. Leaked on
+// purpose: the runtime keeps the sink past static destruction.
 struct WarningQueue {
   std::mutex mutex;
   std::vector<PendingWarning> items;
+  std::atomic<std::size_t> count{0};
 };
 
 WarningQueue& warningQueue() {
@@ -45,10 +105,11 @@ void raiseAsPython(const quorix::MsgIDException& e) {
     return;
   }
   const std::string text = quorix::formatMessage(e.messageID());
-  py::object error = py::reinterpret_borrow<py::object>(errorClass)(text);
+  PyObject* const cls = errorClassFor(identifier);
+  py::object error = py::reinterpret_borrow<py::object>(cls)(text);
   error.attr("identifier") = identifier;
   error.attr("message") = text;
-  PyErr_SetObject(errorClass, error.ptr());
+  PyErr_SetObject(cls, error.ptr());
 }
 
 // The stack level that attributes a warning to the first frame outside this
@@ -68,29 +129,44 @@ int userStackLevel() {
   return level;
 }
 
+PyObject* newClass(const char* name, const char* doc, PyObject* bases) {
+  PyObject* cls = PyErr_NewExceptionWithDoc(name, doc, bases, nullptr);
+  if (cls == nullptr) {
+    throw py::error_already_set();
+  }
+  return cls;
+}
+
 }  // namespace
 
 void register_errors(py::module_& m) {
-  errorClass =
-      PyErr_NewExceptionWithDoc("zotdigest.Error",
-                                "An error reported by the zotdigest module or its runtime.\n\n"
-                                "Attributes:\n"
-                                "    identifier: the message identifier, catalog:key "
-                                "(e.g. 'stats:tdigest:CdfNoData').\n"
-                                "    message: the message text.",
-                                PyExc_ValueError, nullptr);
-  if (errorClass == nullptr) {
-    throw py::error_already_set();
-  }
-  warningClass = PyErr_NewExceptionWithDoc(
-      "zotdigest.ZotdigestWarning",
+  hostError = newClass("zotdigest.HostError",
+                       "An error reported by the zotdigest module or its runtime.\n\n"
+                       "Attributes:\n"
+                       "    identifier: the message identifier, catalog:key "
+                       "(e.g. 'stats:tdigest:IcdfInvalidQuantile').\n"
+                       "    message: the message text (also str(error)).\n\n"
+                       "Errors about the kind of an argument are HostTypeError, errors about\n"
+                       "its value HostValueError; both derive from HostError.",
+                       PyExc_Exception);
+  const py::tuple valueBases = py::make_tuple(py::handle(hostError), py::handle(PyExc_ValueError));
+  hostValueError = newClass("zotdigest.HostValueError",
+                            "A HostError about a value: out of range, not matching another "
+                            "input, or not answerable by an empty digest.",
+                            valueBases.ptr());
+  const py::tuple typeBases = py::make_tuple(py::handle(hostError), py::handle(PyExc_TypeError));
+  hostTypeError = newClass("zotdigest.HostTypeError",
+                           "A HostError about the kind of an argument: its class, complexity "
+                           "or number.",
+                           typeBases.ptr());
+  hostWarning = newClass(
+      "zotdigest.HostWarning",
       "A warning issued by the zotdigest module; `identifier` holds its message identifier.",
-      PyExc_UserWarning, nullptr);
-  if (warningClass == nullptr) {
-    throw py::error_already_set();
-  }
-  m.attr("Error") = py::reinterpret_borrow<py::object>(errorClass);
-  m.attr("ZotdigestWarning") = py::reinterpret_borrow<py::object>(warningClass);
+      PyExc_UserWarning);
+  m.attr("HostError") = py::reinterpret_borrow<py::object>(hostError);
+  m.attr("HostValueError") = py::reinterpret_borrow<py::object>(hostValueError);
+  m.attr("HostTypeError") = py::reinterpret_borrow<py::object>(hostTypeError);
+  m.attr("HostWarning") = py::reinterpret_borrow<py::object>(hostWarning);
 
   py::register_exception_translator([](std::exception_ptr p) {
     try {
@@ -106,15 +182,44 @@ void register_errors(py::module_& m) {
     WarningQueue& queue = warningQueue();
     const std::lock_guard<std::mutex> lock(queue.mutex);
     queue.items.push_back({identifier, text});
+    queue.count.store(queue.items.size(), std::memory_order_release);
   });
 }
 
+void setPythonError() noexcept {
+  try {
+    throw;
+  } catch (const quorix::MsgIDException& e) {
+    try {
+      raiseAsPython(e);
+    } catch (py::error_already_set& failed) {
+      failed.restore();
+    } catch (...) {
+      PyErr_SetString(PyExc_RuntimeError, e.what());
+    }
+  } catch (py::error_already_set& e) {
+    e.restore();
+  } catch (const py::builtin_exception& e) {
+    e.set_error();
+  } catch (const std::bad_alloc&) {
+    PyErr_NoMemory();
+  } catch (const std::exception& e) {
+    PyErr_SetString(PyExc_RuntimeError, e.what());
+  } catch (...) {
+    PyErr_SetString(PyExc_RuntimeError, "zotdigest: unknown C++ exception");
+  }
+}
+
 void emitPendingWarnings() {
+  WarningQueue& queue = warningQueue();
+  if (queue.count.load(std::memory_order_acquire) == 0) {
+    return;
+  }
   std::vector<PendingWarning> pending;
   {
-    WarningQueue& queue = warningQueue();
     const std::lock_guard<std::mutex> lock(queue.mutex);
     pending.swap(queue.items);
+    queue.count.store(0, std::memory_order_release);
   }
   if (pending.empty()) {
     return;
@@ -122,7 +227,7 @@ void emitPendingWarnings() {
   const py::object warn = py::module_::import("warnings").attr("warn");
   const int level = userStackLevel();
   for (const PendingWarning& w : pending) {
-    py::object warning = py::reinterpret_borrow<py::object>(warningClass)(w.text);
+    py::object warning = py::reinterpret_borrow<py::object>(hostWarning)(w.text);
     warning.attr("identifier") = w.identifier;
     warn(warning, py::arg("stacklevel") = level);
   }

@@ -1,12 +1,19 @@
 #include "host_call.h"
 
+#include <atomic>
+#include <string>
+
 #include "quorix/interrupt.h"
+#include "quorix/messages.h"
 
 namespace py = pybind11;
 
 namespace zotdigest::python {
 
 namespace {
+
+// Whether a call on the main thread currently routes SIGINT to the runtime.
+std::atomic<bool> watchActive{false};
 
 extern "C" void onSigint(int) { quorix::requestInterrupt(); }
 
@@ -18,20 +25,22 @@ bool onMainThread() {
 
 }  // namespace
 
-std::mutex& moduleMutex() {
-  static std::mutex mutex;
-  return mutex;
+bool isShortCall(const HostInputs& inputs, std::size_t first) {
+  for (std::size_t i = first; i < static_cast<std::size_t>(inputs.count()); ++i) {
+    const quorix::HostArray& input = *inputs.data()[i];
+    if (input.classID() == quorix::ClassID::Object || input.numel() > kShortCallElements) {
+      return false;
+    }
+  }
+  return true;
 }
 
-std::unique_lock<std::mutex> lockModuleHoldingGil() {
-  std::unique_lock<std::mutex> lock(moduleMutex(), std::try_to_lock);
-  if (!lock.owns_lock()) {
-    // Another thread's call may run for seconds: wait without stalling every
-    // other Python thread.
-    py::gil_scoped_release release;
-    lock.lock();
+ObjectLocks locksOf(const HostInputs& inputs) {
+  ObjectLocks locks;
+  for (int i = 0; i < inputs.count(); ++i) {
+    locks.add(*inputs.data()[i]);
   }
-  return lock;
+  return locks;
 }
 
 InterruptWatch::InterruptWatch() {
@@ -51,12 +60,14 @@ InterruptWatch::InterruptWatch() {
   quorix::clearInterrupt();
   if (sigaction(SIGINT, &mine, &previous_) == 0) {
     installed_ = true;
+    watchActive.store(true);
   }
 }
 
 InterruptWatch::~InterruptWatch() {
   if (installed_) {
     sigaction(SIGINT, &previous_, nullptr);
+    watchActive.store(false);
   }
 }
 
@@ -66,9 +77,38 @@ void InterruptWatch::finish() noexcept {
   }
   sigaction(SIGINT, &previous_, nullptr);
   installed_ = false;
+  watchActive.store(false);
   if (quorix::interruptPending()) {
     quorix::clearInterrupt();
     PyErr_SetInterrupt();
+  }
+}
+
+void InterruptWatch::handOnInterrupt() const noexcept {
+  if (installed_ || !watchActive.load()) {
+    return;
+  }
+  try {
+    throw;
+  } catch (const quorix::MsgIDException& e) {
+    try {
+      if (e.identifier() == "QUORIX:interrupt:Interrupted") {
+        quorix::requestInterrupt();
+      }
+    } catch (...) {
+      // identifier() allocates; without it there is nothing to hand on.
+    }
+  } catch (...) {
+    // Not the runtime's error: nothing to hand on.
+  }
+}
+
+LockedHoldingGil::LockedHoldingGil(ObjectLocks& locks) : locks_(locks) {
+  if (!locks_.tryLock()) {
+    // Another thread's call on one of these objects may run for seconds:
+    // wait without stalling every other Python thread.
+    py::gil_scoped_release release;
+    locks_.lock();
   }
 }
 

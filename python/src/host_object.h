@@ -7,6 +7,7 @@
 #pragma once
 
 #include <memory>
+#include <utility>
 
 #include "quorix/host_array.h"
 #include "quorix/random_stream.h"
@@ -18,15 +19,21 @@ namespace zotdigest::python {
 inline constexpr const char* kWrappedClass = "TDigest";
 
 struct HostObject {
+  explicit HostObject(quorix::ObjectHandle object,
+                      std::shared_ptr<quorix::RandomStream> stream = nullptr)
+      : handle(std::move(object)),
+        array(quorix::HostArray::createScalarObject(handle)),
+        lastStream(std::move(stream)) {}
+
   quorix::ObjectHandle handle;
+  // A scalar object array sharing the handle, the form in which the runtime
+  // takes objects. Made once: every call passes it. The runtime only reads
+  // its inputs, so wrappers (and threads) may share it.
+  std::shared_ptr<const quorix::HostArray> array;
   // A digest borrows the stream it was last given and may keep pointing at
   // it after the call; holding the stream here keeps that pointer valid for
   // as long as this wrapper lives.
   std::shared_ptr<quorix::RandomStream> lastStream;
-
-  // A scalar object array sharing the handle, the form in which the runtime
-  // takes and gives objects.
-  quorix::HostArrayPtr asArray() const { return quorix::HostArray::createScalarObject(handle); }
 };
 
 }  // namespace zotdigest::python

@@ -6,6 +6,7 @@
 #include "random_stream.h"
 #include "routines.h"
 #include "tdigest.h"
+#include "yardstick.h"
 
 PYBIND11_MODULE(_core, m) {
   namespace zp = zotdigest::python;
@@ -15,4 +16,5 @@ PYBIND11_MODULE(_core, m) {
   zp::register_random_stream(m);
   zp::register_tdigest(m);
   zp::register_routines(m);
+  zp::register_yardstick(m);
 }

@@ -23,7 +23,7 @@ constexpr std::size_t kMergeColumns = 2;
 HostArrayPtr callRoutine(std::size_t index, const HostInputs& inputs) {
   quorix::Module& module = zotdigestModule();
   HostOutputs out(1);
-  callReleased([&] {
+  callReleased(locksOf(inputs), [&] {
     // Released: building or merging many digests may take seconds and must
     // let Ctrl-C through.
     module.call(index, 1, out.data(), inputs.count(), inputs.data());
@@ -44,7 +44,7 @@ py::array digestArray(HostArrayPtr result, const py::object& stream) {
   return digests;
 }
 
-py::object mergeDigests(const py::object& digests, const py::object& stream) {
+py::object merge(const py::object& digests, const py::object& stream) {
   const HostInputs inputs = optionalInputs({digests, stream});
   py::object merged = toPython(callRoutine(kMergeDigests, inputs));
   if (py::isinstance<HostObject>(merged)) {
@@ -66,12 +66,14 @@ py::array mergeColumns(const py::object& digests, const py::object& stream) {
 }  // namespace
 
 void register_routines(py::module_& m) {
-  m.def("merge_digests", &mergeDigests, py::arg("digests"), py::arg("stream") = py::none(),
-        "Merges a list or array of digests of equal Delta into one new digest.");
-  m.def("column_digests", &columnDigests, py::arg("data"), py::arg("delta") = py::none(),
+  m.def("merge", &merge, py::arg("digests"), py::arg("stream") = py::none(),
+        "Merges a list, tuple or object array of digests of equal Delta into one new\n"
+        "digest; the digests are unchanged.");
+  m.def("column_digests", &columnDigests, py::arg("data"), py::arg("delta") = 100.0,
         py::arg("stream") = py::none(),
-        "One digest per column of `data`, built in parallel; returns an object array\n"
-        "of the data's dimensions with the first replaced by 1.");
+        "One digest of compression `delta` per column of `data`, built in parallel\n"
+        "(serially and reproducibly with a RandomStream); returns an object array of\n"
+        "the data's dimensions with the first replaced by 1 (0 x N for no rows).");
   m.def("merge_columns", &mergeColumns, py::arg("digests"), py::arg("stream") = py::none(),
         "Merges an object array of digests down its first dimension; returns an object\n"
         "array of the input's dimensions with the first replaced by 1.");

@@ -10,6 +10,8 @@
 #include "host_call.h"
 #include "host_module.h"
 #include "host_object.h"
+#include "method_object.h"
+#include "object_locks.h"
 #include "quorix/object_system.h"
 
 namespace py = pybind11;
@@ -71,68 +73,100 @@ std::string methodDoc(const MethodGroup& group) {
 }
 
 const ClassDefinition& wrappedDefinition() {
-  return *callHeld([] { return &ObjectSystem::classDefinition(kWrappedClass); });
+  return ObjectSystem::classDefinition(kWrappedClass);
+}
+
+ObjectLocks objectLocks(const HostObject& self) {
+  ObjectLocks locks;
+  locks.add(*self.array);
+  return locks;
+}
+
+HostObject& initialised(HostObject* self, const std::string& member, const char* suffix = "") {
+  if (self == nullptr) {
+    throw py::type_error("zotdigest: " + member + suffix +
+                         " needs an initialised zotdigest.TDigest");
+  }
+  return *self;
 }
 
 HostObject construct(const py::object& data, const py::object& delta, const py::object& stream) {
   const HostInputs inputs = optionalInputs({data, delta, stream});
-  HostArrayPtr object = callReleased([&] {
-    // Released: the constructor adds all of the data, which may take seconds.
+  // Released unless the data are a few values: the constructor adds all of
+  // them, which may take seconds.
+  HostArrayPtr object = callFitting(inputs, 0, [&] {
     return ObjectSystem::construct(kWrappedClass, inputs.count(), inputs.data());
   });
-  return HostObject{object->object(0), streamOf(stream)};
+  return HostObject(object->object(0), streamOf(stream));
 }
 
-py::object invoke(HostObject& self, const std::string& name, std::size_t outputs,
-                  const py::args& args) {
+// The body of every generated method: args[0] is the digest, the rest the
+// method's arguments.
+py::object invoke(const MethodTarget& target, PyObject* const* args, std::size_t nargs) {
+  HostObject& self = initialised(hostObjectOf(args[0]), target.name, "()");
   HostInputs inputs;
-  inputs.add(self.asArray());
-  for (const py::handle arg : args) {
-    inputs.add(toHostArray(arg));
-    if (auto stream = streamOf(arg)) {
-      self.lastStream = std::move(stream);
+  inputs.add(self.array);
+  ArgumentShape first;
+  for (std::size_t i = 1; i < nargs; ++i) {
+    const py::handle arg(args[i]);
+    inputs.addValue(arg, i == 1 ? &first : nullptr);
+    if (!PyFloat_CheckExact(args[i])) {
+      if (auto stream = streamOf(arg)) {
+        self.lastStream = std::move(stream);
+      }
     }
   }
-  HostOutputs out(outputs);
-  int requested = static_cast<int>(outputs);
-  const int used = callReleased([&] {
-    // Released: a method may run long (add, merge) and must let Ctrl-C through.
-    return ObjectSystem::callMethod(name, requested, out.data(), inputs.count(), inputs.data());
+  HostOutputs out(target.outputs);
+  const int requested = static_cast<int>(target.outputs);
+  const int used = callFitting(inputs, 1, [&] {
+    return ObjectSystem::callMethod(target.name, requested, out.data(), inputs.count(),
+                                    inputs.data());
   });
   if (used <= 0) {
     return py::none();
   }
+  const auto shaped = [&](HostArrayPtr answer) {
+    return nargs > 1 ? answerAfter(std::move(answer), first)
+                     : answerWithoutArguments(std::move(answer));
+  };
   if (used == 1) {
-    return toPython(out.release(0));
+    return shaped(out.release(0));
   }
   py::tuple answers(static_cast<std::size_t>(used));
   for (int i = 0; i < used; ++i) {
-    answers[static_cast<std::size_t>(i)] = toPython(out.release(static_cast<std::size_t>(i)));
+    const auto slot = static_cast<std::size_t>(i);
+    // With arguments, several answers keep the module's shapes.
+    answers[slot] = nargs > 1 ? toPython(out.release(slot)) : shaped(out.release(slot));
   }
   return answers;
 }
 
-py::object getProperty(const HostObject& self, const std::string& name, bool scalar) {
-  HostArrayPtr value = callHeld(
-      [&] { return ObjectSystem::getProperty(*self.asArray(), name, quorix::kPublicAccess); });
-  py::object result = toPython(std::move(value));
+py::object getProperty(py::handle object, const std::string& name, bool scalar) {
+  const HostObject& self = initialised(hostObjectOf(object), name);
+  HostArrayPtr value = callHeld(objectLocks(self), [&] {
+    return ObjectSystem::getProperty(*self.array, name, quorix::kPublicAccess);
+  });
   // A property registered as a scalar reads as a Python number.
-  if (scalar && py::isinstance<py::array>(result) && result.attr("size").cast<std::size_t>() == 1) {
-    return result.attr("item")();
+  if (scalar && value && value->isScalar() && !value->isComplex() &&
+      (value->isNumeric() || value->classID() == quorix::ClassID::Logical)) {
+    return answerAfter(std::move(value), ArgumentShape{ArgumentShape::Kind::PythonNumber, 0, 1});
   }
-  return result;
+  return toPython(std::move(value));
 }
 
-void setProperty(const HostObject& self, const std::string& name, const py::handle& value) {
+void setProperty(py::handle object, const std::string& name, const py::handle& value) {
+  const HostObject& self = initialised(hostObjectOf(object), name);
   const HostArrayPtr converted = toHostArray(value);
-  callHeld([&] {
-    ObjectSystem::setProperty(*self.asArray(), name, *converted, quorix::kPublicAccess);
+  callHeld(objectLocks(self), [&] {
+    ObjectSystem::setProperty(*self.array, name, *converted, quorix::kPublicAccess);
     return true;
   });
 }
 
-py::dict saveState(const HostObject& self) {
-  quorix::SavedObject saved = callHeld([&] { return ObjectSystem::save(*self.asArray()); });
+py::dict saveState(py::handle object) {
+  const HostObject& self = initialised(hostObjectOf(object), "__getstate__", "()");
+  quorix::SavedObject saved =
+      callHeld(objectLocks(self), [&] { return ObjectSystem::save(*self.array); });
   py::dict state;
   for (quorix::SavedProperty& property : saved.properties) {
     state[py::str(property.name)] = toPython(std::move(property.value));
@@ -150,8 +184,41 @@ HostObject restoreState(const py::dict& state) {
       saved.properties.push_back({property->name(), toHostArray(state[key])});
     }
   }
-  HostArrayPtr object = callHeld([&] { return ObjectSystem::restore(saved); });
-  return HostObject{object->object(0), nullptr};
+  // Held: restoring sets a few properties of a new object, nothing long.
+  HostArrayPtr object = callHeld(ObjectLocks{}, [&] { return ObjectSystem::restore(saved); });
+  return HostObject(object->object(0));
+}
+
+// Makes `object` the digest restored from `state`: fills an instance made by
+// __new__ (unpickling, copy), or replaces the digest an initialised instance
+// wraps (other wrappers of the old digest keep it).
+void setState(py::handle object, const py::dict& state) {
+  HostObject restored = restoreState(state);
+  if (HostObject* existing = hostObjectOf(object)) {
+    *existing = std::move(restored);
+    return;
+  }
+  static const py::detail::type_info* const record =
+      py::detail::get_type_info(typeid(HostObject), true);
+  if (PyObject_TypeCheck(object.ptr(), record->type) == 0) {
+    throw py::type_error("zotdigest: __setstate__ needs a zotdigest.TDigest");
+  }
+  // What pybind11 does after a constructor: store the value, then make the
+  // holder and register the instance.
+  auto* const instance = reinterpret_cast<py::detail::instance*>(object.ptr());
+  py::detail::value_and_holder slot = instance->get_value_and_holder(record);
+  slot.value_ptr() = new HostObject(std::move(restored));
+  slot.type->init_instance(instance, nullptr);
+}
+
+// pickle and copy: a new instance made by __new__, then __setstate__. The
+// same for every pickle protocol.
+py::tuple reduce(py::handle object) {
+  // Kept for the life of the process (never released after finalisation).
+  static PyObject* const newObject =
+      py::object(py::module_::import("copyreg").attr("__newobj__")).release().ptr();
+  return py::make_tuple(py::handle(newObject), py::make_tuple(py::type::of(object)),
+                        saveState(object));
 }
 
 py::dict describeClass(const ClassDefinition& definition) {
@@ -214,39 +281,44 @@ void register_tdigest(py::module_& m) {
     const std::string name = p->name();
     const bool scalar = p->type()->shape() == quorix::Type::Shape::Scalar;
     const py::cpp_function getter(
-        [name, scalar](const HostObject& self) { return getProperty(self, name, scalar); });
-    const py::cpp_function setter([name](const HostObject& self, const py::handle& value) {
+        [name, scalar](py::handle self) { return getProperty(self, name, scalar); });
+    const py::cpp_function setter([name](py::handle self, const py::handle& value) {
       setProperty(self, name, value);
     });
     cls.attr(name.c_str()) = property(getter, setter, py::none(), p->description());
   }
 
-  {
-    // The generated methods take *args: their docstrings list the registered
-    // overloads instead of pybind11's generic signature line.
-    py::options options;
-    options.disable_function_signatures();
-    for (const MethodGroup& group : methodGroups(definition)) {
-      const std::string name = group.name;
-      const std::size_t outputs = group.outputs;
-      const std::string doc = methodDoc(group);
-      cls.attr(name.c_str()) = py::cpp_function(
-          [name, outputs](HostObject& self, const py::args& args) {
-            return invoke(self, name, outputs, args);
-          },
-          py::name(name.c_str()), py::is_method(cls), py::doc(doc.c_str()));
-    }
+  for (const MethodGroup& group : methodGroups(definition)) {
+    cls.attr(group.name.c_str()) =
+        makeMethod(cls, MethodTarget{group.name, group.outputs, &invoke}, methodDoc(group));
   }
 
-  cls.def("_save", &saveState,
-          "The object's state as saved by the runtime: property name -> NumPy array.");
-  cls.def_static("_restore", &restoreState, py::arg("state"),
-                 "A new object restored by the runtime from a state made by _save().");
+  // Pickling, copy.copy and copy.deepcopy: the state is what the runtime
+  // saves, and __setstate__ restores a new object from it.
+  cls.def("__getstate__", &saveState,
+          "The digest's state as the runtime saves it: a dict of NumPy arrays, one per\n"
+          "property in registration order (AVLTreeSummary, Delta, NumCentroids,\n"
+          "NumDataPoints).");
+  // pybind11 treats a function it makes under the name __setstate__ as a
+  // constructor and skips it on an initialised instance; made under another
+  // name, it runs on both.
+  {
+    py::options options;
+    options.disable_function_signatures();
+    cls.def("_setstate", &setState, py::arg("state"),
+            "__setstate__(state)\n\n"
+            "Makes this object the digest the runtime restores from `state` (a dict\n"
+            "made by __getstate__): every property with a setter is set, in\n"
+            "registration order.");
+  }
+  cls.attr("__setstate__") = cls.attr("_setstate");
+  py::delattr(cls, "_setstate");
+  cls.def("__reduce__", &reduce);
 
   m.def(
       "class_definition",
       [](const std::string& name) {
-        return describeClass(*callHeld([&] { return &ObjectSystem::classDefinition(name); }));
+        return describeClass(ObjectSystem::classDefinition(name));
       },
       py::arg("name"),
       "The members a class registered with the runtime, in registration order: its\n"

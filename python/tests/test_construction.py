@@ -4,13 +4,13 @@ import numpy as np
 import pytest
 
 import zotdigest
-from zotdigest import Error, RandomStream, TDigest
+from zotdigest import HostError, RandomStream, TDigest
 
 DATA = np.random.default_rng(11).normal(size=2000)
 
 
 def identifier_of(call, *args):
-    with pytest.raises(Error) as info:
+    with pytest.raises(HostError) as info:
         call(*args)
     return info.value.identifier
 
@@ -59,7 +59,7 @@ class TestConstructorForms:
 
     @pytest.mark.parametrize("delta", [0, -1.5, np.nan])
     def test_a_delta_not_above_zero_is_refused_with_its_value(self, delta):
-        with pytest.raises(Error) as info:
+        with pytest.raises(HostError) as info:
             TDigest(DATA, delta)
         assert info.value.identifier == "stats:tdigest:DeltaInvalidValue"
         if delta == -1.5:
@@ -148,4 +148,4 @@ class TestAccuracy:
         a.merge(b)
         assert a.NumDataPoints == 2 * DATA.size
         assert b.NumDataPoints == DATA.size
-        assert zotdigest.merge_digests([a, b]).NumDataPoints == 3 * DATA.size
+        assert zotdigest.merge([a, b]).NumDataPoints == 3 * DATA.size

@@ -3,6 +3,7 @@
 import inspect
 
 import numpy as np
+import pytest
 
 import zotdigest
 from zotdigest import TDigest, class_definition
@@ -51,3 +52,22 @@ def test_the_module_and_package_are_described():
     info = zotdigest.module_info()
     assert info["routines"] == 3 and info["version"] == zotdigest.__version__
     assert set(zotdigest.__all__) <= set(dir(zotdigest))
+
+
+def test_methods_work_bound_unbound_and_stored():
+    d = TDigest(np.arange(100.0))
+    icdf = d.icdf
+    assert TDigest.icdf(d, 0.25) == icdf(0.25) == d.icdf(0.25)
+    assert icdf.__self__ is d and TDigest.icdf.__name__ == "icdf"
+    with pytest.raises(TypeError):
+        d.icdf(q=0.25)
+    with pytest.raises(TypeError):
+        TDigest.icdf()
+    with pytest.raises(TypeError):
+        TDigest.icdf(np.arange(3.0), 0.5)
+
+
+def test_the_module_functions_have_the_documented_defaults():
+    assert zotdigest.merge.__doc__.startswith("merge(digests: object, stream: object = None)")
+    assert "delta: object = 100.0" in zotdigest.column_digests.__doc__
+    assert not hasattr(zotdigest, "merge_digests")

@@ -3,7 +3,7 @@
 import numpy as np
 import pytest
 
-from zotdigest import Error, RandomStream, TDigest, merge_digests
+from zotdigest import HostError, RandomStream, TDigest, merge
 
 
 def test_seed_0_gives_the_published_first_draws():
@@ -47,7 +47,7 @@ def test_the_default_stream_is_one_shared_seedable_stream():
     ],
 )
 def test_bad_generators_and_seeds_are_refused(args, identifier):
-    with pytest.raises(Error) as e:
+    with pytest.raises(HostError) as e:
         RandomStream(*args)
     assert e.value.identifier == identifier
 
@@ -78,7 +78,7 @@ class TestReproducibleDigests:
             d = TDigest()
             d.add(self.x[:10_000], s)
             d.merge(TDigest(self.x[10_000:], None, s), s)
-            return d, merge_digests([d, d], RandomStream(seed=5))
+            return d, merge([d, d], RandomStream(seed=5))
 
         (d1, m1), (d2, m2) = build(), build()
         np.testing.assert_array_equal(self.centroids(d1), self.centroids(d2))

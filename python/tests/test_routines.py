@@ -3,7 +3,7 @@
 import numpy as np
 import pytest
 
-from zotdigest import Error, RandomStream, TDigest, column_digests, merge_columns, merge_digests
+from zotdigest import HostError, RandomStream, TDigest, column_digests, merge_columns, merge
 
 
 def weights(digests):
@@ -15,13 +15,13 @@ class TestMergeDigests:
 
     @pytest.mark.parametrize("container", [list, tuple, lambda p: np.array(p, dtype=object).reshape(1, 3)])
     def test_merges_a_list_or_array_into_one_digest(self, container):
-        merged = merge_digests(container(self.parts))
+        merged = merge(container(self.parts))
         assert isinstance(merged, TDigest)
         assert merged.NumDataPoints == 300
         assert merged.icdf(0.0) < 1 and merged.icdf(1.0) > 298
 
     def test_a_single_digest_and_a_stream_are_accepted(self):
-        assert merge_digests(self.parts[0], RandomStream(seed=1)).NumDataPoints == 100
+        assert merge(self.parts[0], RandomStream(seed=1)).NumDataPoints == 100
 
     @pytest.mark.parametrize(
         "digests, identifier",
@@ -33,8 +33,8 @@ class TestMergeDigests:
         ids=["empty", "numbers", "delta-mismatch"],
     )
     def test_bad_inputs_are_refused(self, digests, identifier):
-        with pytest.raises(Error) as e:
-            merge_digests(digests)
+        with pytest.raises(HostError) as e:
+            merge(digests)
         assert e.value.identifier == identifier
 
 
@@ -58,7 +58,7 @@ class TestColumnDigests:
         assert weights(digests).tolist() == [[4, 4, 4]]
 
     def test_complex_data_is_refused(self):
-        with pytest.raises(Error) as e:
+        with pytest.raises(HostError) as e:
             column_digests(np.ones((2, 2), complex))
         assert e.value.identifier == "QUORIX:class:RequireReal"
 
@@ -75,3 +75,14 @@ class TestMergeColumns:
         merged = merge_columns(np.array([[TDigest(1.0)], [TDigest(2.0)]], dtype=object), RandomStream(seed=3))
         assert merged.shape == (1, 1) and merged[0, 0].NumDataPoints == 2
         assert merge_columns(np.empty((0, 3), dtype=object)).shape == (0, 3)
+
+
+def test_column_digests_default_to_delta_100():
+    data = np.random.default_rng(9).normal(size=(500, 2))
+    default = column_digests(data, stream=RandomStream(seed=4))
+    explicit = column_digests(data, 100.0, RandomStream(seed=4))
+    omitted = column_digests(data, None, RandomStream(seed=4))
+    for a, b, c in zip(default.flat, explicit.flat, omitted.flat):
+        assert a.Delta == b.Delta == c.Delta == 100.0
+        np.testing.assert_array_equal(a.centroids()[0], b.centroids()[0])
+        np.testing.assert_array_equal(a.centroids()[0], c.centroids()[0])

@@ -11,20 +11,27 @@ trimmed means::
 
 Data keep their NumPy dtype on the way in (the ten numeric dtypes); Python
 ints and floats are double scalars, lists go through numpy.asarray, None and
-empty sequences are empty inputs. Errors raise zotdigest.Error, whose
-`identifier` names the condition (e.g. 'stats:tdigest:IcdfInvalidQuantile');
-warnings arrive as zotdigest.ZotdigestWarning. Pass a RandomStream to make
-the random choices of building and merging reproducible.
+empty sequences are empty inputs. A number in gives a number out, a 1-D
+array a 1-D array of the same length.
+
+Errors raise zotdigest.HostError, whose `identifier` names the condition
+(e.g. 'stats:tdigest:IcdfInvalidQuantile'); errors about the kind of an
+argument are HostTypeError (also a TypeError), errors about its value
+HostValueError (also a ValueError). Warnings go through Python's warnings
+module as zotdigest.HostWarning (a UserWarning), with `identifier` on the
+warning. Pass a RandomStream to make the random choices of building and
+merging reproducible.
+
+Digests pickle and copy through the runtime's save and restore. Long calls
+release the GIL, and Ctrl-C stops them; threads may use separate digests at
+once (calls on one digest wait for each other).
 
 The members of TDigest come from the module's own registration: see
 zotdigest.class_definition("TDigest").
 """
 
-import functools as _functools
-import numbers as _numbers
 import os as _os
 
-import numpy as _np
 
 
 def _use_module_beside_package():
@@ -40,72 +47,34 @@ _use_module_beside_package()
 
 from . import _core  # noqa: E402
 from ._core import (  # noqa: E402
-    Error,
+    HostError,
+    HostTypeError,
+    HostValueError,
+    HostWarning,
     RandomStream,
     TDigest,
-    ZotdigestWarning,
     class_definition,
     column_digests,
+    merge,
     merge_columns,
-    merge_digests,
     module_info,
 )
 
 __all__ = [
-    "Error",
+    "HostError",
+    "HostTypeError",
+    "HostValueError",
+    "HostWarning",
     "RandomStream",
     "TDigest",
-    "ZotdigestWarning",
     "class_definition",
     "column_digests",
+    "merge",
     "merge_columns",
-    "merge_digests",
     "module_info",
 ]
 
 __version__ = module_info()["version"]
-
-
-# --- shape rules -------------------------------------------------------------
-# The module answers in its own 2-D shapes. A NumPy user expects the shape of
-# what they passed: a number in gives a number out, a 1-D array of n elements
-# gives a 1-D array of n elements; 2-D and more keep the module's 2-D answer.
-# Answers of a call without arguments that are column vectors (the centroid
-# listing) become 1-D.
-
-
-def _shape_like(argument, answer):
-    if not isinstance(answer, _np.ndarray):
-        return answer
-    ndim = _np.ndim(argument)
-    if ndim == 0 and answer.size == 1:
-        if isinstance(argument, _numbers.Number) and not isinstance(argument, _np.generic):
-            return answer.item()
-        return answer.reshape(())[()]
-    if ndim == 1 and answer.size == _np.size(argument):
-        return answer.reshape(-1, order="F")
-    return answer
-
-
-def _column_to_1d(answer):
-    if isinstance(answer, _np.ndarray) and answer.ndim == 2 and answer.shape[1] == 1:
-        return answer.reshape(-1)
-    return answer
-
-
-def _shaped(method):
-    @_functools.wraps(method)
-    def call(self, *args):
-        answer = method(self, *args)
-        if not args:
-            if isinstance(answer, tuple):
-                return tuple(_column_to_1d(a) for a in answer)
-            return _column_to_1d(answer)
-        if isinstance(answer, tuple):
-            return answer
-        return _shape_like(args[0], answer)
-
-    return call
 
 
 # --- docstrings ----------------------------------------------------------------
@@ -119,23 +88,25 @@ _METHOD_DOCS = {
 Adds every element of `data` (any of the ten numeric dtypes, any shape).
 Without a stream the work is split over worker threads, seeded from the
 default stream; with a RandomStream it runs serially on that stream and is
-reproducible. Complex, boolean and text data raise Error
+reproducible. Complex, boolean and text data raise HostTypeError
 'QUORIX:class:RequireReal'.""",
     "cdf": """cdf(x)
 
 The estimated cumulative distribution at each element of `x`, in [0, 1].
-NaN elements give NaN. An empty digest raises 'stats:tdigest:CdfNoData'.""",
+NaN elements give NaN. An empty digest raises HostValueError
+'stats:tdigest:CdfNoData'.""",
     "icdf": """icdf(q)
 
 The estimated quantile at each probability in `q` (0 <= q <= 1, else
-'stats:tdigest:IcdfInvalidQuantile'). An empty digest gives NaN.""",
+HostValueError 'stats:tdigest:IcdfInvalidQuantile'). An empty digest gives
+NaN.""",
     "trimmedMean": """trimmedMean(p)
 
 The mean after cutting a fraction `p` (0 <= p < 0.5) of the weight from each
 end, for each element of `p`.""",
     "merge": """merge(other, stream=None)
 
-Folds the digest `other` (of the same Delta, else
+Folds the digest `other` (of the same Delta, else HostValueError
 'stats:tdigest:MergeDeltaMismatch') into this one; `other` is unchanged.""",
     "centroids": """centroids()
 
@@ -144,40 +115,19 @@ ascending order of mean.""",
 }
 
 
-def _registered_method_names(definition):
-    names = []
-    for method in definition["methods"]:
-        name = method["name"]
-        if name != definition["name"] and name not in names:
-            names.append(name)
-    return names
-
-
-def _present_members(cls):
+def _document_methods(cls):
     definition = class_definition(cls.__name__)
-    for name in _registered_method_names(definition):
-        raw = getattr(cls, name)
-        shaped = _shaped(raw)
-        if name in _METHOD_DOCS:
-            shaped.__doc__ = _METHOD_DOCS[name] + "\n\n" + (raw.__doc__ or "")
-        setattr(cls, name, shaped)
+    for name, text in _METHOD_DOCS.items():
+        method = cls.__dict__.get(name)
+        if method is not None:
+            method.__doc__ = text + "\n\n" + (method.__doc__ or "")
     return definition
 
 
-_TDIGEST_DEFINITION = _present_members(TDigest)
+_TDIGEST_DEFINITION = _document_methods(TDigest)
 
 
-# --- pickling and display ---------------------------------------------------------
-# The runtime saves a digest by reading its properties and restores it by
-# setting them; pickle, copy.copy and copy.deepcopy all go through that.
-
-
-def _restore_tdigest(state):
-    return TDigest._restore(state)
-
-
-def _reduce_tdigest(self):
-    return (_restore_tdigest, (self._save(),))
+# --- display ---------------------------------------------------------------------
 
 
 def _repr_tdigest(self):
@@ -190,5 +140,4 @@ def _repr_tdigest(self):
     return f"TDigest({fields})"
 
 
-TDigest.__reduce__ = _reduce_tdigest
 TDigest.__repr__ = _repr_tdigest

@@ -30,7 +30,7 @@ import dask.array as _da
 
 from . import RandomStream, TDigest, column_digests as _column_build
 from . import merge_columns as _merge_columns
-from . import merge_digests as _merge_digests
+from . import merge as _merge_digests
 
 __all__ = ["digest", "column_digests", "quantile", "cdf"]
 
@@ -152,7 +152,7 @@ def digest(data, delta=100.0, stream=None, split_every=None):
     One digest per chunk, then a tree of array merges taking `split_every`
     digests at a time (Dask's default when None; False merges all at once).
     Empty chunks give empty digests; an empty collection gives an empty
-    digest with this delta. Raises zotdigest.Error for a bad delta at once,
+    digest with this delta. Raises zotdigest.HostError for a bad delta at once,
     and for bad data (complex, non-numeric) when computed.
     """
     delta = _check_delta(delta)
