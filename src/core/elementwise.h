@@ -16,7 +16,11 @@ using ScalarQuery = double (*)(const TDigest&, double);
 // 0xFFF8000000000000 without calling fn; an empty input gives an empty
 // matrix without calling fn. Raises "QUORIX:class:RequireReal" for complex
 // input (tested first), "QUORIX:class:RequireNumeric" for non-numeric input,
-// and whatever fn raises (the partial result is dropped).
+// and whatever fn raises (the partial result is dropped). For fn = cdf or
+// icdf a larger array is answered by one walk over its elements in ascending
+// order, with the same results bit for bit and the same error as the
+// per-element loop in storage order would raise first; the cost is then one
+// pass over the centroids plus a sort of the elements.
 quorix::HostArrayPtr applyElementwise(const quorix::HostArray& in, const TDigest& digest,
                                       ScalarQuery fn);
 

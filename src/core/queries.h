@@ -2,6 +2,8 @@
 // and its inverse. Both read the digest only.
 #pragma once
 
+#include <cstdint>
+
 #include "core/tdigest.h"
 
 namespace zotdigest {
@@ -21,5 +23,68 @@ double cdf(const TDigest& digest, double x);
 // end; otherwise interpolated along the gap to a neighbour, extrapolating
 // beyond the first and last means without clamping.
 double icdf(const TDigest& digest, double q);
+
+// --- resumable walks ---------------------------------------------------------
+// Both walks stop at the first centroid whose own threshold (a midpoint for
+// cdf, a running count for icdf) exceeds the argument, and every threshold
+// depends only on the centroid's place in the walk, never on the argument. So
+// when an argument is at least the one the walk last stopped for, the walk
+// can go on from where it stopped and still stop at the same centroid with
+// the same running state as a walk from the first centroid. A cursor keeps
+// that state between calls: over arguments in ascending order it passes
+// each centroid once in all; an argument below the last one (or NaN) starts
+// the walk again. The scalar cdf and icdf are a fresh cursor's single call,
+// so the two forms share every formula. A cursor borrows the digest, which
+// must not change while the cursor is in use.
+
+class CdfCursor {
+ public:
+  // Raises "stats:tdigest:CdfNoData" on a digest with no centroid.
+  explicit CdfCursor(const TDigest& digest);
+  // cdf(digest, x), bit for bit, for arguments in any order.
+  double operator()(double x);
+
+ private:
+  void restart() noexcept;
+  void step() noexcept;
+
+  const CentroidNode* first_;
+  const CentroidNode* second_;  // null for a lone centroid
+  const CentroidNode* last_;
+  double total_;
+  // The walk: cur_ null once it has passed the last centroid.
+  const CentroidNode* cur_ = nullptr;
+  const CentroidNode* succ_ = nullptr;
+  std::uint64_t cum_ = 0;
+  double half_ = 0.0;
+  double prevHalf_ = 0.0;
+  double reached_;  // argument the walk last stopped for; NaN: start again
+};
+
+class IcdfCursor {
+ public:
+  // Never raises; an empty digest answers NaN for every valid quantile.
+  explicit IcdfCursor(const TDigest& digest) noexcept;
+  // Raises "stats:tdigest:IcdfInvalidQuantile" when q < 0 or q > 1; -0.0 and
+  // NaN pass. icdf checks this before anything else.
+  static void checkQuantile(double q);
+  // icdf(digest, q), bit for bit, for arguments in any order.
+  double operator()(double q);
+
+ private:
+  const CentroidNode* first_;
+  const CentroidNode* last_;
+  bool empty_;
+  bool single_;
+  double total_;
+  // The walk: cur_ null once it has passed the last centroid.
+  const CentroidNode* cur_ = nullptr;
+  std::uint64_t cum_ = 0;
+  double reached_;  // target the walk last stopped for; NaN: start again
+  // Neighbours of the centroid the walk last stopped at, found once per stop.
+  const CentroidNode* neighboursOf_ = nullptr;
+  const CentroidNode* pred_ = nullptr;
+  const CentroidNode* succ_ = nullptr;
+};
 
 }  // namespace zotdigest
