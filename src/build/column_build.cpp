@@ -102,6 +102,9 @@ quorix::HostArrayPtr buildColumnDigests(const quorix::HostArray& data, double de
     target.stream = &seedStream;
     target.delta = delta;
     target.merge(columnDigests[i]);
+    // The scratch tree is done with: freed now rather than with the vector,
+    // its memory can serve the digests of the columns still to come.
+    columnDigests[i].tree = CentroidTree();
   }
   return result;
 }
