@@ -7,11 +7,6 @@ namespace quorix::detail::mrg32k3a {
 
 namespace {
 
-constexpr std::int64_t kA12 = 1403580;
-constexpr std::int64_t kA13n = 810728;
-constexpr std::int64_t kA21 = 527612;
-constexpr std::int64_t kA23n = 1370589;
-
 using Wide = unsigned __int128;
 
 std::uint64_t dot(const std::array<std::uint64_t, 3>& row, const std::uint64_t* v,
@@ -36,36 +31,7 @@ State baseState() noexcept {
   return State{kBaseWord, kBaseWord, kBaseWord, kBaseWord, kBaseWord, kBaseWord};
 }
 
-double step(State& s) noexcept {
-  // Component 1: x1[n] = (1403580 x1[n-2] - 810728 x1[n-3]) mod m1. Both
-  // products are below 2^53, so the difference is exact in int64.
-  std::int64_t p1 =
-      kA12 * static_cast<std::int64_t>(s[1]) - kA13n * static_cast<std::int64_t>(s[0]);
-  p1 %= static_cast<std::int64_t>(kM1);
-  if (p1 < 0) {
-    p1 += static_cast<std::int64_t>(kM1);
-  }
-  s[0] = s[1];
-  s[1] = s[2];
-  s[2] = static_cast<std::uint64_t>(p1);
-
-  // Component 2: x2[n] = (527612 x2[n-1] - 1370589 x2[n-3]) mod m2.
-  std::int64_t p2 =
-      kA21 * static_cast<std::int64_t>(s[5]) - kA23n * static_cast<std::int64_t>(s[3]);
-  p2 %= static_cast<std::int64_t>(kM2);
-  if (p2 < 0) {
-    p2 += static_cast<std::int64_t>(kM2);
-  }
-  s[3] = s[4];
-  s[4] = s[5];
-  s[5] = static_cast<std::uint64_t>(p2);
-
-  // The difference is below 2^32 in magnitude: exact as a double.
-  if (p1 > p2) {
-    return static_cast<double>(p1 - p2) * kNorm;
-  }
-  return static_cast<double>(p1 - p2 + static_cast<std::int64_t>(kM1)) * kNorm;
-}
+double step(State& s) noexcept { return stepInline(s); }
 
 const Matrix& transition1() noexcept {
   static const Matrix a = makeTransition(kM1, -kA13n, kA12, 0);

@@ -33,18 +33,22 @@ void validateSeed(std::uint64_t seed) {
   }
 }
 
+// Written out word by word: a loop over atomics is not unrolled, and one
+// draw is little more than these loads and stores.
 mrg::State load(const std::array<std::atomic<std::uint64_t>, 6>& words) noexcept {
-  mrg::State s{};
-  for (std::size_t i = 0; i < 6; ++i) {
-    s[i] = words[i].load(std::memory_order_relaxed);
-  }
-  return s;
+  constexpr auto relaxed = std::memory_order_relaxed;
+  return mrg::State{words[0].load(relaxed), words[1].load(relaxed), words[2].load(relaxed),
+                    words[3].load(relaxed), words[4].load(relaxed), words[5].load(relaxed)};
 }
 
 void store(std::array<std::atomic<std::uint64_t>, 6>& words, const mrg::State& s) noexcept {
-  for (std::size_t i = 0; i < 6; ++i) {
-    words[i].store(s[i], std::memory_order_relaxed);
-  }
+  constexpr auto relaxed = std::memory_order_relaxed;
+  words[0].store(s[0], relaxed);
+  words[1].store(s[1], relaxed);
+  words[2].store(s[2], relaxed);
+  words[3].store(s[3], relaxed);
+  words[4].store(s[4], relaxed);
+  words[5].store(s[5], relaxed);
 }
 
 // The permutation's array P = 1, 2, ..., n, materialised only where a swap
@@ -104,7 +108,7 @@ std::array<std::uint64_t, 6> RandomStream::loadStreamStart() const noexcept {
 
 double RandomStream::uniform() noexcept {
   mrg::State s = load(state_);
-  const double u = mrg::step(s);
+  const double u = mrg::stepInline(s);
   store(state_, s);
   return u;
 }
@@ -115,7 +119,7 @@ void RandomStream::uniform(double* out, std::size_t n) noexcept {
   }
   mrg::State s = load(state_);
   for (std::size_t i = 0; i < n; ++i) {
-    out[i] = mrg::step(s);
+    out[i] = mrg::stepInline(s);
   }
   store(state_, s);
 }
@@ -127,7 +131,7 @@ void RandomStream::wholeNumbers(double* out, std::size_t count, double lo, doubl
   const double width = hi - lo + 1.0;
   mrg::State s = load(state_);
   for (std::size_t i = 0; i < count; ++i) {
-    const double u = mrg::step(s);
+    const double u = mrg::stepInline(s);
     out[i] = lo + std::floor(u * width);
   }
   store(state_, s);
@@ -157,7 +161,7 @@ void RandomStream::randomPermutation(double* out, std::size_t k, double n) {
       p[i] = static_cast<double>(i + 1);
     }
     for (std::uint64_t i = 0; i < swaps; ++i) {
-      const std::uint64_t j = pick(mrg::step(s), i);
+      const std::uint64_t j = pick(mrg::stepInline(s), i);
       std::swap(p[static_cast<std::size_t>(i)], p[static_cast<std::size_t>(j)]);
     }
     for (std::size_t i = 0; i < k; ++i) {
@@ -166,7 +170,7 @@ void RandomStream::randomPermutation(double* out, std::size_t k, double n) {
   } else {
     SparsePermutation p;
     for (std::uint64_t i = 0; i < swaps; ++i) {
-      const std::uint64_t j = pick(mrg::step(s), i);
+      const std::uint64_t j = pick(mrg::stepInline(s), i);
       p.swap(i, j);
     }
     for (std::size_t i = 0; i < k; ++i) {

@@ -10,12 +10,41 @@
 //  - subtree counts are unsigned and simply wrap;
 //  - nothing here trusts size_: emptiness for navigation is "root is null".
 // On a tree built by insert these guards never change anything.
+//
+// On a tree built by its own operations (no adopt() since the last clear)
+// heights and subtree counts are exact, and the walks to the root skip the
+// work that would only recompute the values already stored, giving bit for
+// bit the result of the full walk:
+//  - after a change of count without a change of shape (updateCentroid,
+//    swapContents) no height or balance changes, so only the subtree counts
+//    on the way up change, each by the same wrapping difference;
+//  - after an insertion, once a subtree comes out of its rebalancing as
+//    high as it was before, nothing above it changes but the subtree
+//    counts, which grow by the new node's count.
+// A tree holding an adopted structure always takes the full walk.
+//
+// locate() serves add: one descent finds floor(x), its successor and its
+// head sum, and records the path, so that add neither climbs for the head
+// sum nor for the update of the centroid it grows (below or after, both on
+// the path). The descent's direction is as good as random, so it is
+// steered by conditional moves and masks rather than by branches that
+// would be mispredicted half the time.
+//
+// Node storage. The pool hands out nodes from slabs in order and takes them
+// all back at once: nodes leave a tree only when it is cleared, so no free
+// list is needed. Slabs double in size up to a limit and are kept until the
+// tree is destroyed or assigned, so the re-adds of a compression reuse the
+// memory of the nodes it dropped.
 #include "core/centroid_tree.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <limits>
+#include <memory>
+#include <type_traits>
 #include <utility>
 
 #include "core/tdigest.h"  // toDouble
@@ -101,25 +130,138 @@ CentroidNode* balance(CentroidNode* n) noexcept {
   return n;
 }
 
-CentroidNode* copyNode(const CentroidNode* src, CentroidNode* parent) {
-  auto* node = new CentroidNode(src->mean, src->count);
-  node->height = src->height;
-  node->subtreeCount = src->subtreeCount;
-  node->parent = parent;
-  return node;
+// Slab sizes in nodes: the first, and the limit of the doubling.
+constexpr std::size_t kFirstSlab = 64;
+constexpr std::size_t kSlabLimit = std::size_t{1} << 20;
+
+static_assert(std::is_trivially_destructible_v<CentroidNode>,
+              "pooled nodes are reused without running a destructor");
+
+// All ones for true, zero for false.
+std::uint64_t maskOf(bool b) noexcept { return std::uint64_t{0} - static_cast<std::uint64_t>(b); }
+
+// a where mask is all ones, b where it is zero.
+std::uint64_t blend(std::uint64_t mask, std::uint64_t a, std::uint64_t b) noexcept {
+  return (a & mask) | (b & ~mask);
+}
+
+// The child of `node` on x's side: left when its mean is at least x, right
+// when it is below x or NaN. On x86-64 a conditional move straight off the
+// comparison's flags, so the next load waits for nothing else.
+CentroidNode* childToward(const CentroidNode* node, double x) noexcept {
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+  CentroidNode* child = node->right;
+  asm("comisd %[x], %[mean]\n\tcmovae %[left], %[child]"
+      : [child] "+r"(child)
+      : [mean] "x"(node->mean), [x] "x"(x), [left] "rm"(node->left)
+      : "cc");
+  return child;
+#else
+  return node->mean >= x ? node->left : node->right;
+#endif
+}
+
+// Adds a wrapping difference to the subtree count of node and of every
+// ancestor.
+void addOnPathToRoot(CentroidNode* node, std::uint64_t delta) noexcept {
+  for (CentroidNode* n = node; n != nullptr; n = n->parent) n->subtreeCount += delta;
 }
 
 }  // namespace
 
+// --- NodePool ----------------------------------------------------------------
+
+CentroidTree::NodePool::NodePool(NodePool&& other) noexcept
+    : slabs_(std::exchange(other.slabs_, {})),
+      current_(std::exchange(other.current_, 0)),
+      next_(std::exchange(other.next_, nullptr)),
+      end_(std::exchange(other.end_, nullptr)) {}
+
+CentroidTree::NodePool& CentroidTree::NodePool::operator=(NodePool&& other) noexcept {
+  if (this != &other) {
+    release();
+    slabs_ = std::exchange(other.slabs_, {});
+    current_ = std::exchange(other.current_, 0);
+    next_ = std::exchange(other.next_, nullptr);
+    end_ = std::exchange(other.end_, nullptr);
+  }
+  return *this;
+}
+
+CentroidTree::NodePool::~NodePool() { release(); }
+
+void CentroidTree::NodePool::release() noexcept {
+  std::allocator<Slot> allocator;
+  for (const Slab& slab : slabs_) allocator.deallocate(slab.slots, slab.capacity);
+  slabs_.clear();
+  current_ = 0;
+  next_ = nullptr;
+  end_ = nullptr;
+}
+
+void CentroidTree::NodePool::reset() noexcept {
+  current_ = 0;
+  next_ = slabs_.empty() ? nullptr : slabs_.front().slots;
+  end_ = slabs_.empty() ? nullptr : slabs_.front().slots + slabs_.front().capacity;
+}
+
+void CentroidTree::NodePool::reserve(std::uint64_t n) {
+  if (!slabs_.empty()) return;
+  const std::size_t capacity =
+      static_cast<std::size_t>(std::clamp<std::uint64_t>(n, kFirstSlab, kSlabLimit));
+  slabs_.reserve(1);
+  slabs_.push_back(Slab{std::allocator<Slot>().allocate(capacity), capacity});
+  reset();
+}
+
+void CentroidTree::NodePool::refill() {
+  if (!slabs_.empty() && current_ + 1 < slabs_.size()) {
+    ++current_;
+  } else {
+    std::size_t held = 0;
+    for (const Slab& slab : slabs_) held += slab.capacity;
+    const std::size_t capacity = std::clamp(held, kFirstSlab, kSlabLimit);
+    slabs_.reserve(slabs_.size() + 1);  // so that push_back cannot fail below
+    Slot* slots = std::allocator<Slot>().allocate(capacity);
+    slabs_.push_back(Slab{slots, capacity});
+    current_ = slabs_.size() - 1;
+  }
+  next_ = slabs_[current_].slots;
+  end_ = next_ + slabs_[current_].capacity;
+}
+
+bool CentroidTree::NodePool::owns(const CentroidNode* node) const noexcept {
+  const auto* at = reinterpret_cast<const unsigned char*>(node);
+  const std::less<const unsigned char*> before;
+  for (const Slab& slab : slabs_) {
+    const auto* first = reinterpret_cast<const unsigned char*>(slab.slots);
+    if (!before(at, first) && before(at, first + slab.capacity * sizeof(Slot))) return true;
+  }
+  return false;
+}
+
+// --- CentroidTree --------------------------------------------------------------
+
 CentroidTree::~CentroidTree() { clear(); }
 
-CentroidTree::CentroidTree(const CentroidTree& other) : size_(other.size_) {
+CentroidTree::CentroidTree(const CentroidTree& other)
+    : size_(other.size_), adopted_(other.adopted_) {
   if (other.root_ == nullptr) return;
-  // root_ is set before the first child is copied, so a failing allocation
-  // leaves a linked partial tree that the destructor frees.
-  root_ = copyNode(other.root_, nullptr);
+  // An adopted tree's size may be anything; a tree of its own counts its
+  // nodes exactly, and one slab then holds the copy.
+  if (!other.adopted_) pool_.reserve(other.size_);
+  // Every node comes from pool_, which frees them all should an allocation
+  // fail half way.
+  const auto copyNode = [this](const CentroidNode* src, CentroidNode* parent) {
+    CentroidNode* node = pool_.make(src->mean, src->count);
+    node->height = src->height;
+    node->subtreeCount = src->subtreeCount;
+    node->parent = parent;
+    return node;
+  };
+  CentroidNode* root = copyNode(other.root_, nullptr);
   std::deque<std::pair<const CentroidNode*, CentroidNode*>> queue;
-  queue.emplace_back(other.root_, root_);
+  queue.emplace_back(other.root_, root);
   while (!queue.empty()) {
     const auto [src, dst] = queue.front();
     queue.pop_front();
@@ -132,6 +274,7 @@ CentroidTree::CentroidTree(const CentroidTree& other) : size_(other.size_) {
       queue.emplace_back(src->right, dst->right);
     }
   }
+  root_ = root;
 }
 
 CentroidTree& CentroidTree::operator=(const CentroidTree& other) {
@@ -143,13 +286,18 @@ CentroidTree& CentroidTree::operator=(const CentroidTree& other) {
 }
 
 CentroidTree::CentroidTree(CentroidTree&& other) noexcept
-    : root_(std::exchange(other.root_, nullptr)), size_(std::exchange(other.size_, 0)) {}
+    : root_(std::exchange(other.root_, nullptr)),
+      size_(std::exchange(other.size_, 0)),
+      pool_(std::move(other.pool_)),
+      adopted_(std::exchange(other.adopted_, false)) {}
 
 CentroidTree& CentroidTree::operator=(CentroidTree&& other) noexcept {
   if (this != &other) {
     clear();
     root_ = std::exchange(other.root_, nullptr);
     size_ = std::exchange(other.size_, 0);
+    pool_ = std::move(other.pool_);  // frees this tree's slabs
+    adopted_ = std::exchange(other.adopted_, false);
   }
   return *this;
 }
@@ -231,8 +379,139 @@ void CentroidTree::listCentroids(std::vector<Centroid>& out) const {
   }
 }
 
+CentroidTree::Location CentroidTree::locate(double x) const noexcept {
+  Location at;
+  if (!adopted_) {
+    // The descent chooses by masking rather than by branching (compilers
+    // turn a plain conditional back into a jump here). It records the nodes
+    // passed and one bit per turn (set for left); below is the last node
+    // passed on the right, after the last one passed on the left (the
+    // leftmost node of below's right subtree if it has one, else the
+    // nearest ancestor below lies left of). The head sums need no node off
+    // the path: a node's subtree starts where its parent's did when reached
+    // from the left, and ends where its parent's ended when reached from
+    // the right.
+    std::uint64_t left = ~std::uint64_t{0};  // all ones after a left turn
+    std::uint64_t turns = 0;
+    std::uint64_t bit = 1;
+    std::uint64_t start = 0;  // counts before the subtree of a left child
+    std::uint64_t end = 0;    // counts up to the end of the subtree of a right child
+    std::uint64_t depth = 0;
+    for (CentroidNode* node = root_; node != nullptr; ++depth) {
+      // Past kMaxPath entries the record wraps; such a path is not used.
+      at.path[depth % Location::kMaxPath] = node;
+      const std::uint64_t total = node->subtreeCount;
+      // The root's subtree starts at 0, like a left child's.
+      const std::uint64_t nodeStart = blend(left, start, end - total);
+      // A NaN mean counts as below x.
+      left = maskOf(node->mean >= x);
+      start = nodeStart;
+      end = nodeStart + total;
+      turns |= left & bit;
+      bit += bit;
+      node = childToward(node, x);
+    }
+    if (depth <= static_cast<std::uint64_t>(Location::kMaxPath)) {
+      const std::uint64_t passed = depth == static_cast<std::uint64_t>(Location::kMaxPath)
+                                       ? ~std::uint64_t{0}
+                                       : (std::uint64_t{1} << depth) - 1;
+      const std::uint64_t lefts = turns & passed;
+      const std::uint64_t rights = ~turns & passed;
+      at.pathKnown = true;
+      at.leftTurns = lefts;
+      at.depth = static_cast<int>(depth);
+      at.slotLeft = left != 0;
+      if (rights != 0) {
+        at.belowDepth = std::bit_width(rights) - 1;
+        at.below = at.path[at.belowDepth];
+        // The descent ends in the empty slot just after below in order.
+        at.belowHead = blend(left, start, end) - at.below->count;
+      }
+      if (lefts != 0) {
+        at.afterDepth = std::bit_width(lefts) - 1;
+        at.after = at.path[at.afterDepth];
+      }
+      return at;
+    }
+  }
+  // An adopted structure, whose stored counts and links are not trusted.
+  at.below = floor(x);
+  at.after = at.below != nullptr ? next(at.below) : first();
+  at.belowHead = headSum(at.below);
+  return at;
+}
+
+CentroidNode* CentroidTree::next(const CentroidNode* node, const Location& at) noexcept {
+  if (node != at.after || !at.pathKnown || node->right != nullptr) return next(node);
+  // After's successor is the node where the descent last turned left
+  // before reaching it, if any.
+  const std::uint64_t earlier =
+      at.leftTurns & ((std::uint64_t{1} << static_cast<unsigned>(at.afterDepth)) - 1);
+  return earlier != 0 ? at.path[std::bit_width(earlier) - 1] : nullptr;
+}
+
+CentroidNode* CentroidTree::insertAt(const Location& at, double mean, std::uint64_t count) {
+  if (!at.pathKnown) return insert(mean, count);
+  // Only where the descent went left can a mean have equalled x.
+  for (std::uint64_t turns = at.leftTurns; turns != 0; turns &= turns - 1) {
+    if (at.path[std::countr_zero(turns)]->mean == mean) return insert(mean, count);
+  }
+  CentroidNode* node = pool_.make(mean, count);
+  if (at.depth == 0) {
+    root_ = node;
+  } else {
+    CentroidNode* parent = at.path[at.depth - 1];
+    (at.slotLeft ? parent->left : parent->right) = node;
+    node->parent = parent;
+  }
+  settleInsert(node, &at);
+  ++size_;
+  return node;
+}
+
+void CentroidTree::settleInsert(CentroidNode* node, const Location* at) {
+  if (adopted_) {
+    rebalanceFrom(node);
+    return;
+  }
+  // A new leaf's aggregates are already right and it is balanced: the walk
+  // starts at its parent. A rotation keeps the place of the subtree it
+  // turns, so the node standing at path entry j after its rebalancing has
+  // entry j - 1 for parent.
+  const bool onPath = at != nullptr && at->pathKnown;
+  int j = onPath ? at->depth : 0;
+  CentroidNode* n = node->parent;
+  if (n == nullptr) {
+    root_ = node;
+    return;
+  }
+  for (;;) {
+    --j;
+    const std::int32_t heightBefore = n->height;
+    // Exact heights are small: no clamping needed.
+    n->subtreeCount = n->count + subtreeCountOf(n->left) + subtreeCountOf(n->right);
+    n->height = static_cast<std::int32_t>(std::max(heightOf(n->left), heightOf(n->right)) + 1);
+    CentroidNode* standing = balance(n);
+    CentroidNode* up = standing->parent;
+    if (up == nullptr) {
+      root_ = standing;
+      return;
+    }
+    if (standing->height == heightBefore) {
+      // Same height in the same place: above here only the counts grow.
+      if (onPath) {
+        for (int i = 0; i < j; ++i) at->path[i]->subtreeCount += node->count;
+      } else {
+        addOnPathToRoot(up, node->count);
+      }
+      return;
+    }
+    n = up;
+  }
+}
+
 CentroidNode* CentroidTree::insert(double mean, std::uint64_t count) {
-  auto* node = new CentroidNode(mean, count);
+  CentroidNode* node = pool_.make(mean, count);
   if (root_ == nullptr) {
     root_ = node;
   } else {
@@ -248,7 +527,7 @@ CentroidNode* CentroidTree::insert(double mean, std::uint64_t count) {
       at = link;
     }
   }
-  rebalanceFrom(node);
+  settleInsert(node, nullptr);
   ++size_;
   return node;
 }
@@ -261,10 +540,37 @@ void CentroidTree::updateCentroid(double x, std::uint64_t w, CentroidNode* node,
   const double grownMean = (toDouble(c) * m + toDouble(w) * x) / toDouble(grown);
   node->count = grown;
   node->mean = grownMean;
-  node->subtreeCount += w;
-  rebalanceFrom(node);
-  if (runFirst == runLast) return;
+  carryCount(node, w);
+  if (runFirst != runLast) restoreOrder(node, m, grownMean, runFirst, runLast);
+}
 
+void CentroidTree::updateCentroid(double x, std::uint64_t w, CentroidNode* node,
+                                  CentroidNode* runFirst, CentroidNode* runLast,
+                                  const Location& at) {
+  const std::uint64_t c = node->count;
+  const double m = node->mean;
+  const std::uint64_t grown = c + w;
+  const double grownMean = (toDouble(c) * m + toDouble(w) * x) / toDouble(grown);
+  node->count = grown;
+  node->mean = grownMean;
+  // Below and after are equally likely: told apart without a branch.
+  const bool isBelow = node == at.below;
+  const bool onPath = at.pathKnown & (isBelow | (node == at.after));
+  if (onPath) {
+    const auto length =
+        static_cast<int>(blend(maskOf(isBelow), static_cast<std::uint64_t>(at.belowDepth),
+                               static_cast<std::uint64_t>(at.afterDepth)) +
+                         1);
+    // The entries are independent: no chain of parent loads.
+    for (int i = 0; i < length; ++i) at.path[i]->subtreeCount += w;
+  } else {
+    carryCount(node, w);
+  }
+  if (runFirst != runLast) restoreOrder(node, m, grownMean, runFirst, runLast);
+}
+
+void CentroidTree::restoreOrder(CentroidNode* node, double m, double grownMean,
+                                CentroidNode* runFirst, CentroidNode* runLast) {
   // The grown values must move past every node that still holds the old
   // mean, within the run, so the in-order sequence stays sorted.
   CentroidNode* target = node;
@@ -288,10 +594,24 @@ void CentroidTree::swapContents(CentroidNode* a, CentroidNode* b) {
   const std::uint64_t countB = b->count;
   std::swap(a->mean, b->mean);
   std::swap(a->count, b->count);
-  a->subtreeCount += countB - countA;
-  b->subtreeCount += countA - countB;
-  rebalanceFrom(a);
-  rebalanceFrom(b);
+  if (adopted_) {
+    a->subtreeCount += countB - countA;
+    b->subtreeCount += countA - countB;
+    rebalanceFrom(a);
+    rebalanceFrom(b);
+  } else {
+    addOnPathToRoot(a, countB - countA);
+    addOnPathToRoot(b, countA - countB);
+  }
+}
+
+void CentroidTree::carryCount(CentroidNode* node, std::uint64_t delta) {
+  if (adopted_) {
+    node->subtreeCount += delta;
+    rebalanceFrom(node);
+  } else {
+    addOnPathToRoot(node, delta);
+  }
 }
 
 void CentroidTree::rebalanceFrom(CentroidNode* node) {
@@ -311,9 +631,13 @@ void CentroidTree::clear() noexcept {
   CentroidNode* node = root_;
   root_ = nullptr;
   size_ = 0;
-  if (node == nullptr) return;
-  // Freed breadth-first, threading the pending nodes through their parent
-  // links, so clearing neither recurses nor allocates.
+  const bool adopted = std::exchange(adopted_, false);
+  pool_.reset();
+  // Only an adopted structure can hold nodes of its own allocation.
+  if (!adopted || node == nullptr) return;
+  // Walked breadth-first, threading the pending nodes through their parent
+  // links, so clearing neither recurses nor allocates; the pool's nodes
+  // need nothing, the others are deleted.
   node->parent = nullptr;
   CentroidNode* head = node;
   CentroidNode* tail = node;
@@ -326,7 +650,7 @@ void CentroidTree::clear() noexcept {
     }
     CentroidNode* done = head;
     head = head->parent;
-    delete done;
+    if (!pool_.owns(done)) delete done;
   }
 }
 
@@ -334,6 +658,7 @@ void CentroidTree::adopt(CentroidNode* root, std::uint64_t size) noexcept {
   clear();
   root_ = root;
   size_ = size;
+  adopted_ = true;
   if (root_ != nullptr) root_->parent = nullptr;
 }
 

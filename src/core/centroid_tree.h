@@ -6,9 +6,17 @@
 // copying walk the tree with a queue, never by recursion, so a degenerate
 // tree (for instance one decoded from a hand-made summary) cannot overflow
 // the stack.
+//
+// Nodes made by the tree come from slabs the tree owns and keeps: clear()
+// hands them all back at once, so a digest that compresses (empties its
+// tree and re-adds every centroid) reuses the same memory instead of
+// freeing and allocating a node per centroid. A structure handed to adopt()
+// may hold nodes allocated one by one with `new`; clear() deletes those.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <new>
 #include <vector>
 
 namespace zotdigest {
@@ -27,8 +35,8 @@ struct CentroidNode {
 
   double mean;
   std::uint64_t count;
-  std::int32_t height;          // leaf 0; an absent child counts as -1
-  std::uint64_t subtreeCount;   // count + both children's subtreeCount
+  std::int32_t height;         // leaf 0; an absent child counts as -1
+  std::uint64_t subtreeCount;  // count + both children's subtreeCount
   CentroidNode* parent = nullptr;
   CentroidNode* left = nullptr;   // smaller, or equal and inserted earlier
   CentroidNode* right = nullptr;  // larger or equal
@@ -71,17 +79,120 @@ class CentroidTree {
   void swapContents(CentroidNode* a, CentroidNode* b);
   // Repairs aggregates, heights and balance from `node` up to the root.
   void rebalanceFrom(CentroidNode* node);
+  // Empties the tree. Its own nodes go back to its pool, whose memory stays
+  // with the tree until it is destroyed or assigned; adopted nodes are
+  // deleted.
   void clear() noexcept;
 
   // --- decoding support ----------------------------------------------------
-  // Takes ownership of a linked node structure built by a decoder. `size` is
-  // the decoder's own count and is stored as it stands; `root` may be null.
-  // The tree must be empty.
+  // Takes ownership of a linked node structure built by a decoder, its nodes
+  // each allocated with `new CentroidNode`. `size` is the decoder's own
+  // count and is stored as it stands; `root` may be null. Clears the tree
+  // first. Until the next clear() the stored heights and subtree counts are
+  // not trusted: every update then takes the full walk to the root.
   void adopt(CentroidNode* root, std::uint64_t size) noexcept;
 
+  // --- insertion support ---------------------------------------------------
+  // What one descent from the root finds for a value x.
+  struct Location {
+    CentroidNode* below = nullptr;  // floor(x)
+    CentroidNode* after = nullptr;  // next(below), or first() when below is null
+    std::uint64_t belowHead = 0;    // headSum(below)
+    // When pathKnown: the nodes passed from the root down to where the
+    // descent fell off the tree, depth of them, below and after among them
+    // at belowDepth and afterDepth; bit i of leftTurns is set when the
+    // descent went left at path[i], slotLeft when it fell off on the left.
+    // Known only for a tree with exact aggregates no deeper than kMaxPath
+    // (an AVL tree that deep would need some 10^13 nodes).
+    static constexpr int kMaxPath = 64;
+    bool pathKnown = false;
+    bool slotLeft = false;
+    std::uint64_t leftTurns = 0;
+    int depth = 0;
+    int belowDepth = 0;
+    int afterDepth = 0;
+    CentroidNode* path[kMaxPath];
+  };
+  // Finds floor(x), its successor and its head sum in one descent. NaN x
+  // behaves as in floor.
+  Location locate(double x) const noexcept;
+  // insert(mean, count) where `at` (from locate(mean), the tree unchanged
+  // since) fell off the tree, unless the two searches part: floor() goes
+  // left at a mean equal to x, insert() right. The same result either way.
+  CentroidNode* insertAt(const Location& at, double mean, std::uint64_t count);
+  // next(node), looked up on the recorded path rather than climbed to when
+  // node is at.after without a right subtree (the tree unchanged since).
+  static CentroidNode* next(const CentroidNode* node, const Location& at) noexcept;
+  // updateCentroid for a node of the nearest run found by `at` (the tree
+  // unchanged since): the same result, carried up along the recorded path
+  // when the node is below or after.
+  void updateCentroid(double x, std::uint64_t w, CentroidNode* node, CentroidNode* runFirst,
+                      CentroidNode* runLast, const Location& at);
+  // True when every node was placed by this tree's own operations (or
+  // copied from such a tree): heights and subtree counts are then exact,
+  // and head sums may be accumulated along a walk. False after adopt()
+  // until the next clear().
+  bool aggregatesExact() const noexcept { return !adopted_; }
+
  private:
+  // Slabs of node storage, handed out in order and taken back all at once.
+  class NodePool {
+   public:
+    NodePool() noexcept = default;
+    NodePool(NodePool&& other) noexcept;
+    NodePool& operator=(NodePool&& other) noexcept;
+    NodePool(const NodePool&) = delete;
+    NodePool& operator=(const NodePool&) = delete;
+    ~NodePool();
+
+    // A node as `new CentroidNode(mean, count)` would make it. Raises
+    // std::bad_alloc when a new slab cannot be had.
+    CentroidNode* make(double mean, std::uint64_t count) {
+      if (next_ == end_) refill();
+      return &(new (next_++) Slot{CentroidNode(mean, count)})->node;
+    }
+    // Takes back every node at once; the slabs are kept for reuse.
+    void reset() noexcept;
+    // Makes the first slab hold at least n nodes (up to the slab limit).
+    void reserve(std::uint64_t n);
+    // Whether the node lies in one of this pool's slabs.
+    bool owns(const CentroidNode* node) const noexcept;
+
+   private:
+    // One node per cache line: a descent reads one line per level, and the
+    // hot upper levels of the tree take fewer lines of the first-level
+    // cache (a node straddles two lines otherwise).
+    struct alignas(64) Slot {
+      CentroidNode node;
+    };
+    struct Slab {
+      Slot* slots;
+      std::size_t capacity;
+    };
+    void refill();
+    void release() noexcept;
+
+    std::vector<Slab> slabs_;
+    std::size_t current_ = 0;  // slab that next_ points into
+    Slot* next_ = nullptr;
+    Slot* end_ = nullptr;
+  };
+
+  // The walk up from a node whose count changed by `delta` (wrapping) while
+  // the shape stayed: with exact aggregates only the subtree counts on the
+  // way to the root change.
+  void carryCount(CentroidNode* node, std::uint64_t delta);
+  // The walk up from a freshly linked leaf; `at` as in insertAt, or null.
+  void settleInsert(CentroidNode* node, const Location* at);
+  // The second half of updateCentroid: moves the grown values of `node`
+  // (old mean m, new mean grownMean) to the far end of the run.
+  void restoreOrder(CentroidNode* node, double m, double grownMean, CentroidNode* runFirst,
+                    CentroidNode* runLast);
+
   CentroidNode* root_ = nullptr;
   std::uint64_t size_ = 0;
+  NodePool pool_;
+  bool adopted_ = false;
 };
 
 }  // namespace zotdigest

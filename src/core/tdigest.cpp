@@ -20,17 +20,26 @@
 // are simply inserted, each add whose compression was refused counting its
 // own weight. Ordinary data never gets near the cap (a level repeats only
 // when a whole re-add merged nothing, which random order makes ever less
-// likely).
+// likely). The nesting state lives in the outermost call's frame and is
+// passed down explicitly.
+//
+// Speed. The nearest run and the head sum of its first node come from one
+// descent (CentroidTree::locate), the head sum then carried along the walk
+// by adding counts, which on a tree with exact aggregates gives the value
+// headSum would climb for; an adopted tree, whose stored counts are not
+// trusted, gets headSum itself. A new centroid is linked where that same
+// descent ended whenever the insertion's own search would take the same
+// path, and a grown one carries its weight up along the recorded path.
 #include "core/tdigest.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <limits>
+#include <memory>
 #include <vector>
 
 #include "host/errors.h"
-#include "quorix/host_array.h"
 #include "quorix/random_stream.h"
 
 namespace zotdigest {
@@ -38,31 +47,12 @@ namespace {
 
 constexpr int kMaxCompressDepth = 64;
 
-// Nesting state on this thread. A digest is used by one thread at a time
-// and add, compress and merge never call into another digest, so per-thread
-// state is per-digest state while one of them runs. Once abandoned,
-// compression stays off until the outermost add, compress or merge returns,
-// so a merge of centroids that cannot fold pays for one futile chain only.
-thread_local int operationDepth = 0;
-thread_local int compressDepth = 0;
-thread_local bool compressAbandoned = false;
-
-class OperationScope {
- public:
-  OperationScope() noexcept { ++operationDepth; }
-  ~OperationScope() {
-    if (--operationDepth == 0) compressAbandoned = false;
-  }
-  OperationScope(const OperationScope&) = delete;
-  OperationScope& operator=(const OperationScope&) = delete;
-};
-
-class CompressNesting {
- public:
-  CompressNesting() noexcept { ++compressDepth; }
-  ~CompressNesting() { --compressDepth; }
-  CompressNesting(const CompressNesting&) = delete;
-  CompressNesting& operator=(const CompressNesting&) = delete;
+// Nesting state of one outermost add, compress or merge. Once abandoned,
+// compression stays off until that call returns, so a merge of centroids
+// that cannot fold pays for one futile chain only.
+struct Nesting {
+  int compressDepth = 0;
+  bool compressAbandoned = false;
 };
 
 quorix::RandomStream& streamOf(TDigest& digest) {
@@ -76,17 +66,20 @@ enum class Compression {
   Refused,    // nested too deep: the caller must count its own weight
 };
 
-Compression compressDigest(TDigest& digest) {
+void addValue(TDigest& digest, double x, std::uint64_t w, Nesting& nesting);
+
+Compression compressDigest(TDigest& digest, Nesting& nesting) {
   // Below 20 x delta = 1 every re-add would compress again.
   if (digest.tree.size() < 2 || digest.delta * 20.0 < 1.0) return Compression::Unchanged;
-  if (compressAbandoned) return Compression::Refused;
-  if (compressDepth >= kMaxCompressDepth) {
-    compressAbandoned = true;
+  if (nesting.compressAbandoned) return Compression::Refused;
+  if (nesting.compressDepth >= kMaxCompressDepth) {
+    nesting.compressAbandoned = true;
     return Compression::Refused;
   }
-  CompressNesting nesting;
 
   std::vector<Centroid> listed;
+  // A tree of its own counts its nodes exactly; a decoded one may not.
+  if (digest.tree.aggregatesExact()) listed.reserve(digest.tree.size());
   digest.tree.listCentroids(listed);
   // The listing, not size(), sizes the permutation: a decoded tree may carry
   // a size that does not match its nodes.
@@ -95,51 +88,62 @@ Compression compressDigest(TDigest& digest) {
   std::vector<Centroid> shuffled;
   shuffled.reserve(n);
   if (n > 0) {
-    std::vector<double> positions(n);
-    random.randomPermutation(positions.data(), n, toDouble(n));
-    for (const double p : positions) {
-      shuffled.push_back(listed[static_cast<std::size_t>(p) - 1]);  // 1-based
+    // Left uninitialised: the permutation fills every entry.
+    const std::unique_ptr<double[]> positions(new double[n]);
+    random.randomPermutation(positions.get(), n, toDouble(n));
+    for (std::size_t i = 0; i < n; ++i) {
+      shuffled.push_back(listed[static_cast<std::size_t>(positions[i]) - 1]);  // 1-based
     }
   }
 
   digest.totalWeight = 0;
-  digest.tree = CentroidTree();
-  for (const Centroid& c : shuffled) digest.add(c.mean, c.count);
+  // Clearing keeps the tree's node storage for the re-adds.
+  digest.tree.clear();
+  ++nesting.compressDepth;
+  for (const Centroid& c : shuffled) addValue(digest, c.mean, c.count, nesting);
+  --nesting.compressDepth;
   return Compression::Rebuilt;
 }
 
-}  // namespace
+void addValue(TDigest& digest, double x, std::uint64_t w, Nesting& nesting) {
+  // The host's NaN test, inline on this hot path.
+  if (std::isnan(x)) return;
+  CentroidTree& tree = digest.tree;
 
-void TDigest::add(double x, std::uint64_t w) {
-  if (quorix::isNaN(x)) return;
-  const OperationScope scope;
-
-  CentroidNode* start = tree.floor(x);
-  if (start == nullptr) start = tree.first();
+  const CentroidTree::Location at = tree.locate(x);
+  CentroidNode* start = at.below != nullptr ? at.below : at.after;
   if (start == nullptr) {
-    tree.insert(x, w);
+    tree.insertAt(at, x, w);
   } else {
-    // The run of centroids nearest to x, walking forward from start.
+    // The run of centroids nearest to x, walking forward from start, with
+    // the head sum of each node walked.
     CentroidNode* runLast = nullptr;
     double best = std::numeric_limits<double>::infinity();
-    for (CentroidNode* node = start; node != nullptr; node = CentroidTree::next(node)) {
+    std::uint64_t head = at.below != nullptr ? at.belowHead : 0;
+    std::uint64_t before = head;
+    for (CentroidNode* node = start; node != nullptr;) {
       const double d = std::fabs(node->mean - x);
       if (d < best) {
         best = d;
         start = node;
+        before = head;
       } else if (d > best) {
         break;
       }
       runLast = node;
+      head += node->count;
+      node = node == at.below ? at.after : CentroidTree::next(node, at);
     }
+    if (!tree.aggregatesExact()) before = CentroidTree::headSum(start);
 
-    std::uint64_t before = CentroidTree::headSum(start);
     CentroidNode* candidate = nullptr;
     double seen = 0.0;
-    quorix::RandomStream& random = streamOf(*this);
+    const std::uint64_t total = digest.totalWeight;
+    const double delta = digest.delta;
+    quorix::RandomStream& random = streamOf(digest);
     for (CentroidNode* node = start; node != nullptr; node = CentroidTree::next(node)) {
-      const double q = (toDouble(node->count) * 0.5 + toDouble(before)) / toDouble(totalWeight);
-      const double bound = toDouble(UINT64_C(4) * totalWeight) * q * (1.0 - q) / delta;
+      const double q = (toDouble(node->count) * 0.5 + toDouble(before)) / toDouble(total);
+      const double bound = toDouble(UINT64_C(4) * total) * q * (1.0 - q) / delta;
       if (bound >= toDouble(node->count + w)) {
         // Reservoir choice: the k-th eligible centroid replaces the current
         // choice with probability 1/k.
@@ -152,28 +156,36 @@ void TDigest::add(double x, std::uint64_t w) {
     }
 
     if (candidate != nullptr) {
-      tree.updateCentroid(x, w, candidate, start, runLast);
+      tree.updateCentroid(x, w, candidate, start, runLast, at);
     } else {
-      tree.insert(x, w);
+      tree.insertAt(at, x, w);
     }
   }
 
   // A compression recounts the total from the tree, which already holds w;
   // one that did nothing leaves w uncounted, as designed for tiny deltas.
-  if (toDouble(tree.size()) > delta * 20.0 && compressDigest(*this) != Compression::Refused) {
+  if (toDouble(tree.size()) > digest.delta * 20.0 &&
+      compressDigest(digest, nesting) != Compression::Refused) {
     return;
   }
-  totalWeight += w;
+  digest.totalWeight += w;
+}
+
+}  // namespace
+
+void TDigest::add(double x, std::uint64_t w) {
+  Nesting nesting;
+  addValue(*this, x, w, nesting);
 }
 
 void TDigest::compress() {
-  const OperationScope scope;
-  compressDigest(*this);
+  Nesting nesting;
+  compressDigest(*this, nesting);
 }
 
 void TDigest::merge(const TDigest& other) {
   if (!(delta == other.delta)) raiseError<stats::tdigest::MergeDeltaMismatch>(MergeDeltaMismatch());
-  const OperationScope scope;
+  Nesting nesting;
 
   // Both listings are taken before the tree is emptied, so other may be
   // this digest.
@@ -184,8 +196,8 @@ void TDigest::merge(const TDigest& other) {
                    [](const Centroid& a, const Centroid& b) { return a.count > b.count; });
 
   totalWeight = 0;
-  tree = CentroidTree();
-  for (const Centroid& c : all) add(c.mean, c.count);
+  tree.clear();
+  for (const Centroid& c : all) addValue(*this, c.mean, c.count, nesting);
 }
 
 }  // namespace zotdigest
