@@ -86,7 +86,7 @@ PyTypeObject* methodType() {
         {Py_tp_members, static_cast<void*>(members)},
         {0, nullptr},
     };
-    PyType_Spec spec = {
+    PyType_Spec typeShape = {
         "zotdigest._core.method",
         static_cast<int>(sizeof(MethodObject)),
         0,
@@ -94,7 +94,7 @@ PyTypeObject* methodType() {
             Py_TPFLAGS_DISALLOW_INSTANTIATION,
         slots,
     };
-    PyObject* made = PyType_FromSpec(&spec);
+    PyObject* made = PyType_FromSpec(&typeShape);
     if (made == nullptr) {
       throw py::error_already_set();
     }
