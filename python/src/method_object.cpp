@@ -119,8 +119,8 @@ py::object makeMethod(const py::handle& owner, MethodTarget target, const std::s
   method->target = nullptr;
   // Owned from here on: destroy() releases whatever is set.
   py::object result = py::reinterpret_steal<py::object>(reinterpret_cast<PyObject*>(method));
-  const std::string qualname = owner.attr("__qualname__").cast<std::string>() + "." + target.name;
-  method->name = py::str(target.name).release().ptr();
+  const std::string qualname = owner.attr("__qualname__").cast<std::string>() + "." + target.method.name();
+  method->name = py::str(target.method.name()).release().ptr();
   method->qualname = py::str(qualname).release().ptr();
   method->doc = py::str(doc).release().ptr();
   method->target = new MethodTarget(std::move(target));

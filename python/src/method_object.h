@@ -17,11 +17,14 @@
 #include <cstddef>
 #include <string>
 
+#include "quorix/object_system.h"
+
 namespace zotdigest::python {
 
 // What one method calls.
 struct MethodTarget {
-  std::string name;
+  // The method's name, resolved against its class once.
+  quorix::MethodHandle method;
   // The most outputs any overload of the name declares.
   std::size_t outputs = 0;
   // Runs the method: args[0] is the object the method was called on (not

@@ -103,7 +103,7 @@ HostObject construct(const py::object& data, const py::object& delta, const py::
 // The body of every generated method: args[0] is the digest, the rest the
 // method's arguments.
 py::object invoke(const MethodTarget& target, PyObject* const* args, std::size_t nargs) {
-  HostObject& self = initialised(hostObjectOf(args[0]), target.name, "()");
+  HostObject& self = initialised(hostObjectOf(args[0]), target.method.name(), "()");
   HostInputs inputs;
   inputs.add(self.array);
   ArgumentShape first;
@@ -119,8 +119,7 @@ py::object invoke(const MethodTarget& target, PyObject* const* args, std::size_t
   HostOutputs out(target.outputs);
   const int requested = static_cast<int>(target.outputs);
   const int used = callFitting(inputs, 1, [&] {
-    return ObjectSystem::callMethod(target.name, requested, out.data(), inputs.count(),
-                                    inputs.data());
+    return target.method.call(requested, out.data(), inputs.count(), inputs.data());
   });
   if (used <= 0) {
     return py::none();
@@ -290,7 +289,8 @@ void register_tdigest(py::module_& m) {
 
   for (const MethodGroup& group : methodGroups(definition)) {
     cls.attr(group.name.c_str()) =
-        makeMethod(cls, MethodTarget{group.name, group.outputs, &invoke}, methodDoc(group));
+        makeMethod(cls, MethodTarget{quorix::MethodHandle(kWrappedClass, group.name), group.outputs, &invoke},
+                   methodDoc(group));
   }
 
   // Pickling, copy.copy and copy.deepcopy: the state is what the runtime

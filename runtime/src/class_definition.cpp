@@ -17,7 +17,13 @@ void ClassDefinition::addProperty(std::unique_ptr<PropertyInfo> property) {
 
 void ClassDefinition::addMethod(std::unique_ptr<MethodInfo> method) {
   if (method) {
+    MethodInfo* const added = method.get();
     methods_.push_back(std::move(method));
+    auto group = overloads_.find(added->name());
+    if (group == overloads_.end()) {
+      group = overloads_.emplace(added->name(), std::vector<MethodInfo*>{}).first;
+    }
+    group->second.push_back(added);
   }
 }
 
@@ -37,6 +43,11 @@ MethodInfo* ClassDefinition::constructor() const noexcept {
     }
   }
   return nullptr;
+}
+
+const std::vector<MethodInfo*>* ClassDefinition::overloads(std::string_view name) const noexcept {
+  const auto group = overloads_.find(name);
+  return group == overloads_.end() ? nullptr : &group->second;
 }
 
 }  // namespace quorix

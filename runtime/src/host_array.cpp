@@ -200,11 +200,19 @@ void HostArray::allocate(bool complex) {
   // At least one byte, so that the pointers (and so the complex flag) are
   // set even for an empty array.
   bytes = std::max<std::size_t>(bytes, 1);
-  ownedReal_.reset(new std::byte[bytes]());
-  real_ = ownedReal_.get();
-  if (complex) {
-    ownedImag_.reset(new std::byte[bytes]());
-    imag_ = ownedImag_.get();
+  if (bytes <= sizeof(small_) / 2) {
+    std::memset(small_, 0, sizeof(small_));
+    real_ = small_;
+    if (complex) {
+      imag_ = small_ + sizeof(small_) / 2;
+    }
+  } else {
+    ownedReal_.reset(new std::byte[bytes]());
+    real_ = ownedReal_.get();
+    if (complex) {
+      ownedImag_.reset(new std::byte[bytes]());
+      imag_ = ownedImag_.get();
+    }
   }
   ownsData_ = true;
 }
@@ -223,7 +231,21 @@ std::unique_ptr<HostArray> HostArray::createNumeric(Dims dims, ClassID id, bool 
 
 std::unique_ptr<HostArray> HostArray::createNumericMatrix(std::size_t rows, std::size_t cols,
                                                           ClassID id, bool complex) {
-  return createNumeric(Dims{rows, cols}, id, complex);
+  if (!isNumericClass(id)) {
+    raiseWrongClass(id);
+  }
+  // Two sizes are already in normal form; answers to scalar calls come this
+  // way, so the general path's passes over the sizes are skipped.
+  std::size_t numel = 0;
+  if (__builtin_mul_overflow(rows, cols, &numel)) {
+    raiseArrayError("TooLarge");
+  }
+  std::unique_ptr<HostArray> a(new HostArray);
+  a->classId_ = id;
+  a->dims_ = Dims{rows, cols};
+  a->numel_ = numel;
+  a->allocate(complex);
+  return a;
 }
 
 std::unique_ptr<HostArray> HostArray::createDoubleScalar(double value) {

@@ -76,8 +76,8 @@ double cdf(const TDigest& digest, double x) { return CdfCursor(digest)(x); }
 // --- icdf ----------------------------------------------------------------
 
 IcdfCursor::IcdfCursor(const TDigest& digest) noexcept
-    : first_(digest.tree.first()),
-      last_(digest.tree.last()),
+    : tree_(digest.tree),
+      first_(digest.tree.first()),
       empty_(digest.tree.size() == 0 || first_ == nullptr),
       single_(!empty_ && (digest.tree.size() == 1 || CentroidTree::next(first_) == nullptr)),
       total_(toDouble(digest.totalWeight)),
@@ -102,11 +102,14 @@ double IcdfCursor::operator()(double q) {
     cum_ += cur_->count;
     cur_ = CentroidTree::next(cur_);
   }
-  if (cur_ == nullptr) return last_->mean;
+  // Found only when needed: most scalar calls never walk off the end.
+  if (cur_ == nullptr) return tree_.last()->mean;
 
   if (neighboursOf_ != cur_) {
     neighboursOf_ = cur_;
-    pred_ = CentroidTree::previous(cur_);
+    // The first centroid of a tree of its own has no predecessor; climbing
+    // to the root to find that out is most of a scalar icdf(0).
+    pred_ = cur_ == first_ && tree_.aggregatesExact() ? nullptr : CentroidTree::previous(cur_);
     succ_ = CentroidTree::next(cur_);
   }
   // Position within the centroid, from its middle, in units of its count.

@@ -72,8 +72,8 @@ class IcdfCursor {
   double operator()(double q);
 
  private:
+  const CentroidTree& tree_;
   const CentroidNode* first_;
-  const CentroidNode* last_;
   bool empty_;
   bool single_;
   double total_;

@@ -157,7 +157,8 @@ class QUORIX_API HostArray {
   void allocate(bool complex);
 
   ClassID classId_ = ClassID::Double;
-  Dims dims_{0, 0};
+  // Set by every factory.
+  Dims dims_;
   std::size_t numel_ = 0;
   void* real_ = nullptr;
   void* imag_ = nullptr;
@@ -169,6 +170,9 @@ class QUORIX_API HostArray {
   std::vector<std::string> fields_;
   std::string objectClass_;
   std::vector<ObjectHandle> objects_;
+  // The elements of a small numeric array (a scalar, complex ones included)
+  // live here instead of on the heap: a scalar call creates several.
+  alignas(8) std::byte small_[16];
 };
 
 using HostArrayPtr = std::unique_ptr<HostArray>;

@@ -20,6 +20,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -168,12 +169,16 @@ class QUORIX_API ClassDefinition {
   const PropertyInfo* findProperty(std::string_view name) const noexcept;
   // The constructor: the method named after the class, or null.
   MethodInfo* constructor() const noexcept;
+  // Every overload registered under `name`, in registration order; null when
+  // there is none.
+  const std::vector<MethodInfo*>* overloads(std::string_view name) const noexcept;
 
  private:
   ClassInfo& info_;
   std::string name_;
   std::vector<std::unique_ptr<PropertyInfo>> properties_;
   std::vector<std::unique_ptr<MethodInfo>> methods_;
+  std::map<std::string, std::vector<MethodInfo*>, std::less<>> overloads_;
 };
 
 // What a module implements to describe one class. Slot order matters to
@@ -228,6 +233,35 @@ class QUORIX_API Object {
   ClassInfo& info_;
   std::string className_;
   void* instance_;
+};
+
+// A method of one class resolved by name once, for callers that make the
+// same call many times (a front end binding the class's methods). A call
+// through the handle dispatches exactly as ObjectSystem::callMethod with the
+// handle's name, but an object of the handle's class skips the look-ups of
+// its class and of the name. The handle stays valid for the life of the
+// process, since classes are never unregistered.
+class QUORIX_API MethodHandle {
+ public:
+  // Defines the class's members if that has not happened yet. Raises
+  // "QUORIX:class:UnknownClass", or "QUORIX:class:UnknownMember" when the
+  // class has no method of that name.
+  MethodHandle(std::string_view className, std::string_view methodName);
+
+  const std::string& name() const noexcept { return name_; }
+  const std::string& className() const noexcept { return className_; }
+  // The overloads of the name, in registration order.
+  const std::vector<MethodInfo*>& overloads() const noexcept { return *overloads_; }
+
+  // As ObjectSystem::callMethod(name(), ...). An object of another class in
+  // in[0] is dispatched by name, as callMethod would.
+  int call(int nOut, HostArray** out, int nIn, const HostArray* const* in,
+           int callerAccess = kPublicAccess) const;
+
+ private:
+  std::string className_;
+  std::string name_;
+  const std::vector<MethodInfo*>* overloads_;
 };
 
 struct SavedProperty {
