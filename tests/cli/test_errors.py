@@ -4,24 +4,23 @@ import pytest
 from conftest import ok, run
 
 
-@pytest.mark.parametrize(
-    "text, line, token",
-    [
-        ("1\n2\nfoo\n", 3, "foo"),
-        ("1 2 3 4e\n", 1, "4e"),
-        ("# c\n\n1,5\n", 3, "1,5"),
-        ("0x10\n", 1, "0x10"),
-        ("1\r\n2\r\n--3\r\n", 3, "--3"),
-    ],
-)
-def test_a_bad_token_names_its_line(tmp_path, text, line, token):
+@pytest.mark.parametrize("text, where", [
+    ("1\n2\nfoo\n", "line 3: 'foo' is not a number"),
+    ("1 2 3 4e\n", "line 1: '4e' is not a number"),
+    ("# c\n\n1,5\n", "line 3: '1,5' is not a number"),
+    ("0x10\n", "line 1: '0x10' is not a number"),
+    ("1\r\n2\r\n--3\r\n", "line 3: '--3' is not a number"),
+    ("# 1\n# 2\n\n\n++1", "line 5: '++1' is not a number"),
+    ("\n\n1 \x01\x02", "line 3: '\\x01\\x02' is not a number"),
+    ("1e999\n", "line 1: '1e999' is out of the range of a double"),
+])
+def test_a_bad_number_names_its_line_and_writes_nothing(tmp_path, text, where):
     r = run("build", "-o", tmp_path / "x.zd", stdin=text)
-    assert r.rc == 2, r
-    assert f"line {line}: '{token}' is not a number" in r.err
+    assert r.rc == 2 and f"standard input, {where}" in r.err, r
     assert not (tmp_path / "x.zd").exists()
 
 
-def test_a_bad_token_far_into_a_large_file_names_its_line(tmp_path):
+def test_a_bad_token_far_into_a_large_file_names_the_file_and_line(tmp_path):
     lines = [repr(i * 0.5) for i in range(300_000)]
     lines[250_000] = "12..5"
     (tmp_path / "big.txt").write_text("\n".join(lines))
@@ -29,91 +28,58 @@ def test_a_bad_token_far_into_a_large_file_names_its_line(tmp_path):
     assert r.rc == 2 and f"{tmp_path / 'big.txt'}, line 250001: '12..5'" in r.err, r
 
 
-def test_out_of_range_number(tmp_path):
-    r = run("summary", stdin="1e999\n")
-    assert r.rc == 2 and "out of the range of a double" in r.err, r
-
-
-@pytest.mark.parametrize(
-    "args",
-    [
-        [],
-        ["frobnicate"],
-        ["build"],  # no -o
-        ["build", "--delta", "abc", "-o", "x.zd"],
-        ["quantile", "x.zd"],  # no probabilities
-        ["summary", "--precision", "30"],
-        ["summary", "--nonsense"],
-    ],
-)
-def test_usage_errors_exit_2(tmp_path, args):
-    r = run(*args, cwd=tmp_path, stdin="")
-    assert r.rc == 2, r
-    assert r.err.strip()
-
-
-@pytest.mark.parametrize(
-    "args, message",
-    [
-        (["summary", "--format", "csv"], "unknown input format 'csv'"),
-        (["summary", "--dtype", "float16"], "unknown dtype 'float16'"),
-        (["summary", "--format", "raw"], "raw input needs --dtype"),
-        (["summary", "missing.txt"], "cannot open 'missing.txt'"),
-        (["summary", "."], "is a directory"),
-        (["summary", "-", "-"], "read only once"),
-    ],
-)
-def test_bad_input_options_exit_2(tmp_path, args, message):
+@pytest.mark.parametrize("args, message", [
+    ([], ""),
+    (["frobnicate"], ""),
+    (["build"], ""),  # no -o
+    (["build", "--delta", "abc", "-o", "x.zd"], ""),
+    (["quantile", "x.zd"], ""),  # no probabilities
+    (["summary", "--precision", "30"], ""),
+    (["summary", "--nonsense"], ""),
+    (["summary", "--format", "csv"], "unknown input format 'csv'"),
+    (["summary", "--dtype", "float16"], "unknown dtype 'float16'"),
+    (["summary", "--format", "raw"], "raw input needs --dtype"),
+    (["summary", "missing.txt"], "cannot open 'missing.txt'"),
+    (["summary", "."], "is a directory"),
+    (["summary", "-", "-"], "read only once"),
+])
+def test_usage_errors_and_bad_input_options_exit_2(tmp_path, args, message):
     r = run(*args, cwd=tmp_path, stdin="1 2 3")
-    assert r.rc == 2, r
-    assert message in r.err
+    assert r.rc == 2 and r.err.strip() and message in r.err, r
 
 
-@pytest.mark.parametrize(
-    "args, identifier",
-    [
-        (["quantile", "-", "1.5"], "stats:tdigest:IcdfInvalidQuantile"),
-        (["quantile", "-", "--", "-0.5"], "stats:tdigest:IcdfInvalidQuantile"),
-        (["trimmed-mean", "-", "0.5"], "stats:tdigest:TrimmedMeanInvalidTrim"),
-        (["summary", "--delta", "0"], "stats:tdigest:DeltaInvalidValue"),
-        (["summary", "--delta=-1"], "stats:tdigest:DeltaInvalidValue"),
-    ],
-)
-def test_module_errors_exit_1_with_identifier_and_text(args, identifier):
-    r = run(*args, stdin="1 2 3\n")
+@pytest.mark.parametrize("args, stdin, identifier", [
+    (["quantile", "-", "1.5"], "1 2", "stats:tdigest:IcdfInvalidQuantile"),
+    (["quantile", "-", "--", "-0.5"], "1 2", "stats:tdigest:IcdfInvalidQuantile"),
+    (["trimmed-mean", "-", "0.5"], "1 2", "stats:tdigest:TrimmedMeanInvalidTrim"),
+    (["summary", "--delta", "0"], "1 2", "stats:tdigest:DeltaInvalidValue"),
+    (["summary", "--delta=-1"], "1 2", "stats:tdigest:DeltaInvalidValue"),
+    (["cdf", "-", "0"], "", "stats:tdigest:CdfNoData"),
+])
+def test_module_errors_exit_1_with_identifier_and_text(args, stdin, identifier):
+    r = run(*args, stdin=stdin)
     assert r.rc == 1, r
     line = r.err.strip().splitlines()[-1]
     assert line.startswith(f"zotdigest: {identifier}: ")
     assert len(line) > len(f"zotdigest: {identifier}: ") + 10  # the catalogue's text
 
 
-def test_cdf_of_an_empty_digest_is_a_module_error():
-    r = run("cdf", "-", "0", stdin="")
-    assert r.rc == 1 and "stats:tdigest:CdfNoData" in r.err, r
-
-
 def test_help_and_version_exit_0():
-    r = ok("--help")
-    assert "Examples:" in r.out and "build" in r.out
+    assert "Examples:" in ok("--help").out
     for sub in ["build", "quantile", "cdf", "trimmed-mean", "centroids", "summary", "merge",
                 "info", "verify"]:
-        assert ok(sub, "--help").out.startswith(sub[:3]) or "Usage" in ok(sub, "--help").out
+        assert sub in ok(sub, "--help").out
     assert ok("--version").out.startswith("zotdigest ")
 
 
-def test_unwritable_output_is_exit_1(tmp_path):
+def test_unwritable_output_and_wrong_kinds_of_input(tmp_path):
     r = run("build", "-o", tmp_path / "no" / "such" / "dir.zd", stdin="1 2")
     assert r.rc == 1 and "cannot write" in r.err, r
-
-
-def test_building_from_a_digest_file_is_refused(tmp_path):
     ok("build", "-o", tmp_path / "a.zd", stdin="1 2")
     r = run("build", tmp_path / "a.zd", "-o", tmp_path / "b.zd")
     assert r.rc == 2 and "already a digest file" in r.err, r
-
-
-def test_queries_refuse_a_mix_of_digest_files_and_numbers(tmp_path):
-    ok("build", "-o", tmp_path / "a.zd", stdin="1 2")
     (tmp_path / "n.txt").write_text("3\n")
     r = run("summary", tmp_path / "a.zd", tmp_path / "n.txt")
     assert r.rc == 2 and "mix digest files and numbers" in r.err, r
+    r = run("merge", tmp_path / "n.txt", "-o", tmp_path / "m.zd")
+    assert r.rc == 2 and "not a digest file" in r.err, r

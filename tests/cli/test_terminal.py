@@ -1,0 +1,165 @@
+"""What a person at a terminal sees: the progress line on standard error
+during long reads (never on a pipe, never with --quiet, wiped when the work
+stops), and Ctrl-C stopping within a second with exit status 130.
+
+Standard error is the slave side of a pseudo-terminal; what arrives on the
+master side is replayed on a tiny screen (carriage return goes back to the
+start of the line, characters overwrite), so the tests look at what a
+person would see, not at the bytes alone.
+"""
+import io
+import os
+import pty
+import re
+import signal
+import subprocess
+import threading
+import time
+
+import numpy as np
+import pytest
+
+from conftest import TOOL, tool_env
+
+CHUNK = 1 << 20  # values per chunk the tool adds
+PIECES = 4
+PAUSE = 0.3  # seconds between pieces: the whole read lasts over the half second of silence
+# A second in a release build; sanitizer builds run the module's loops many
+# times slower and may allow more.
+LIMIT = float(os.environ.get("ZOTDIGEST_INTERRUPT_LIMIT", "1.0"))
+RAW = np.random.default_rng(5).lognormal(size=PIECES * CHUNK).tobytes()
+NPY = io.BytesIO()
+np.save(NPY, np.random.default_rng(6).normal(size=PIECES * CHUNK))
+# "zotdigest: 4,194,304 values read in 1.3 s (3.21 M values/s)"
+FINAL = re.compile(r"^zotdigest: ([\d,]+) values read in [\d.:]+ s? ?"
+                   r"\([\d.]+( [kMG])? values/s\)$")
+
+
+def screen(raw):
+    """The lines a terminal shows for `raw` (with the pty's \\r\\n line ends)."""
+    lines, line, col = [], [], 0
+    for ch in raw.decode(errors="replace"):
+        if ch == "\r":
+            col = 0
+        elif ch == "\n":
+            lines.append("".join(line).rstrip())
+            line, col = [], 0
+        else:
+            line[col:col + 1] = [ch]
+            col += 1
+    return lines + ["".join(line).rstrip()] if line else lines
+
+
+def run_tool(args, payload, cwd, terminal=True, interrupt=False, pieces=PIECES):
+    """Runs the tool with `payload` fed slowly to standard input and standard
+    error on a pseudo-terminal (or a pipe). With `interrupt`, the pipe stays
+    open after the payload and Ctrl-C follows half a second later; the tool
+    must end within LIMIT. Returns the exit status, standard output and
+    what reached standard error."""
+    master, slave = pty.openpty() if terminal else (None, subprocess.PIPE)
+    proc = subprocess.Popen([str(TOOL), *map(str, args)], stdin=subprocess.PIPE,
+                            stdout=subprocess.PIPE, stderr=slave, env=tool_env(), cwd=cwd)
+    if terminal:
+        os.close(slave)  # the tool holds the only other end now
+    out, err = bytearray(), bytearray()
+
+    def drain(fd, into):
+        try:
+            while data := os.read(fd, 65536):
+                into.extend(data)
+        except OSError:  # EIO from a pty whose slave side is gone
+            pass
+
+    err_fd = master if terminal else proc.stderr.fileno()
+    readers = [threading.Thread(target=drain, args=(fd, into))
+               for fd, into in [(proc.stdout.fileno(), out), (err_fd, err)]]
+    for t in readers:
+        t.start()
+    step = len(payload) // pieces
+    try:
+        for i in range(pieces):
+            time.sleep(PAUSE if i else 0)
+            proc.stdin.write(payload[i * step:(i + 1) * step if i + 1 < pieces else None])
+            proc.stdin.flush()
+        if interrupt:
+            time.sleep(0.5)
+            start = time.monotonic()
+            proc.send_signal(signal.SIGINT)
+            proc.wait(timeout=10)
+            assert time.monotonic() - start < LIMIT
+        proc.stdin.close()
+    except BrokenPipeError:  # the tool stopped reading (bad input)
+        pass
+    proc.wait(timeout=120)
+    for t in readers:
+        t.join()
+    if terminal:
+        os.close(master)
+    return proc.returncode, out.decode(), bytes(err)
+
+
+@pytest.mark.parametrize("args", [
+    ["build", "-", "--dtype", "float64", "-o", "out.zd"],
+    ["build", "-", "--columns", "-o", "out.zd"],
+    ["quantile", "-", "0.5", "--json", "--dtype", "float64"],
+], ids=["one-digest", "columns", "query"])
+def test_a_long_read_shows_progress_and_ends_with_the_total(tmp_path, args):
+    rc, out, err = run_tool(args, NPY.getvalue() if "--columns" in args else RAW, tmp_path)
+    assert rc == 0, err
+    assert b"\r" in err and err.endswith(b"\r\n")  # redrawn in place, then a line end
+    lines = screen(err)
+    assert len(lines) == 1 and FINAL.match(lines[0]), lines  # all drawn on one line
+    assert int(FINAL.match(lines[0]).group(1).replace(",", "")) == PIECES * CHUNK
+    # The running count showed a part of the input before the end.
+    counts = [int(c.replace(",", "")) for c in
+              re.findall(r"zotdigest: ([\d,]+) values read,", err.decode())]
+    assert counts and counts == sorted(counts) and counts[0] < PIECES * CHUNK
+    assert args[0] != "quantile" or out.lstrip().startswith("{")  # standard output stays clean
+
+
+@pytest.mark.parametrize("case", ["quick", "--quiet", "-q", "pipe"])
+def test_no_progress_for_a_quick_run_with_quiet_or_on_a_pipe(tmp_path, case):
+    if case == "quick":
+        rc, _, err = run_tool(["build", "-", "-o", "out.zd"], b"1 2 3\n" * 1000, tmp_path,
+                              pieces=1)
+    else:
+        quiet = [case] if case != "pipe" else []
+        rc, _, err = run_tool(["build", "-", "--dtype", "float64", *quiet, "-o", "out.zd"], RAW,
+                              tmp_path, terminal=case != "pipe")
+    assert rc == 0 and err == b"", err
+
+
+def test_ctrl_c_on_a_slow_pipe_wipes_the_line_and_keeps_the_old_file(tmp_path):
+    # The pipe stays open after the last piece: the tool is waiting for
+    # more, or still adding, when Ctrl-C comes, with the line on the screen.
+    (tmp_path / "out.zd").write_bytes(b"old")
+    rc, _, err = run_tool(["build", "-", "--dtype", "float64", "-o", "out.zd"], RAW, tmp_path,
+                          interrupt=True)
+    assert rc == 130, err
+    assert b"values read," in err  # the line was shown
+    assert screen(err) == ["zotdigest: interrupted"]
+    assert os.listdir(tmp_path) == ["out.zd"] and (tmp_path / "out.zd").read_bytes() == b"old"
+
+
+@pytest.mark.parametrize("seed", [[], ["--seed", "1"]], ids=["parallel", "serial"])
+def test_ctrl_c_during_a_long_computation_stops_promptly(tmp_path, seed):
+    # /dev/zero never ends: the build is busy adding when Ctrl-C comes.
+    proc = subprocess.Popen([str(TOOL), "build", "/dev/zero", "--dtype", "float64", *seed, "-o",
+                             "out.zd"], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                            env=tool_env(), cwd=tmp_path)
+    time.sleep(1.0)
+    start = time.monotonic()
+    proc.send_signal(signal.SIGINT)
+    _, err = proc.communicate(timeout=10)
+    assert proc.returncode == 130 and b"interrupted" in err, err
+    assert time.monotonic() - start < LIMIT
+    assert os.listdir(tmp_path) == []
+
+
+def test_bad_input_after_progress_starts_on_a_clean_line(tmp_path):
+    # Three whole chunks, then a partial element: refused after the line showed.
+    payload = RAW[: 3 * CHUNK * 8] + b"\x01\x02\x03"
+    rc, _, err = run_tool(["build", "-", "--dtype", "float64", "-o", "out.zd"], payload, tmp_path)
+    assert rc == 2, err
+    lines = screen(err)
+    assert len(lines) == 1 and lines[0].startswith("zotdigest: standard input: raw float64"), lines
