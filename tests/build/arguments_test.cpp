@@ -1,17 +1,14 @@
-// The constructor's argument forms and errors.
+// The argument forms of the constructor and of the column build, and the
+// errors of both by identifier and exact exception type.
 #include "build/arguments.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdint>
-#include <limits>
 #include <memory>
 #include <vector>
 
 #include "build_test_support.h"
-#include "quorix/random_stream.h"
-#include "summary/properties.h"
 
 namespace zotdigest {
 namespace {
@@ -19,153 +16,91 @@ namespace {
 using namespace zotdigest::testing;
 using quorix::ClassID;
 using quorix::HostArray;
+using Args = std::vector<const HostArray*>;
 
-class ConstructorArgs : public ::testing::Test {
- protected:
-  static void construct(TDigest& d, std::vector<const HostArray*> in) {
-    constructDigest(d, static_cast<int>(in.size()), in.data());
-  }
+void construct(TDigest& d, Args in) { constructDigest(d, static_cast<int>(in.size()), in.data()); }
 
-  // A digest built value by value from `stream` in its current state, then
-  // compressed: what the serial path must give.
-  static TDigest serialReference(const std::vector<double>& values, double delta,
-                                 quorix::RandomStream& stream) {
+TEST(ConstructorArgs, forms_set_delta_and_stream_and_add_every_value) {
+  const auto x = makeRow(sampleValues<double>(12000, 21));
+  const auto none = HostArray::createNumeric({0, 0}, ClassID::Double);
+  const auto fifty = HostArray::createDoubleScalar(50.0), noText = HostArray::createChar("");
+  std::shared_ptr<quorix::RandomStream> s = seededStream(12);
+  const auto stream = quorix::RandomStream::toHostValue(s);
+  quorix::RandomStream* const def = &quorix::RandomStream::defaultStream();
+  for (const auto& [in, delta, used, weight] :
+       {std::tuple{Args{}, 100.0, def, 0u},
+        {{x.get()}, 100.0, def, 12000u},
+        {{x.get(), none.get()}, 100.0, def, 12000u},
+        {{none.get(), fifty.get()}, 50.0, def, 0u},
+        {{noText.get()}, 100.0, def, 0u},  // empty data of any class is not checked
+        {{x.get(), fifty.get(), none.get()}, 50.0, def, 12000u},
+        {{x.get(), none.get(), stream.get()}, 100.0, s.get(), 12000u}}) {
+    SCOPED_TRACE(std::to_string(in.size()) + " inputs");
     TDigest d;
-    setDelta(d, delta);
-    d.stream = &stream;
-    for (const double v : values) d.add(v);
-    d.compress();
-    return d;
+    construct(d, in);
+    EXPECT_EQ(d.delta, delta);
+    EXPECT_EQ(d.stream, used);
+    EXPECT_EQ(d.totalWeight, weight);
   }
-
-  const std::vector<double> values_ = sampleValues<double>(12000, 21);
-  const quorix::HostArrayPtr x_ = makeRow(values_);
-  const quorix::HostArrayPtr empty_ = HostArray::createNumeric({0, 0}, ClassID::Double);
-  quorix::RandomStream& default_ = quorix::RandomStream::defaultStream();
-};
-
-TEST_F(ConstructorArgs, no_inputs_give_an_empty_digest_on_the_default_stream) {
-  TDigest d;
-  construct(d, {});
-  EXPECT_EQ(d.stream, &default_);
-  EXPECT_EQ(d.delta, 100.0);
-  EXPECT_EQ(d.totalWeight, 0u);
-  EXPECT_EQ(d.tree.size(), 0u);
+  // Three inputs add serially: equal streams give equal digests.
+  TDigest a, b;
+  const auto twin = quorix::RandomStream::toHostValue(seededStream(12));
+  s->reset(12);
+  construct(a, {x.get(), none.get(), stream.get()});
+  construct(b, {x.get(), none.get(), twin.get()});
+  expectSameCentroids(a, b);
 }
 
-TEST_F(ConstructorArgs, data_alone_and_data_with_empty_delta_add_everything_with_delta_100) {
-  TDigest one;
-  construct(one, {x_.get()});
-  EXPECT_EQ(one.totalWeight, values_.size());
-  EXPECT_EQ(one.stream, &default_);
-  TDigest two;
-  construct(two, {x_.get(), empty_.get()});
-  EXPECT_EQ(two.totalWeight, values_.size());
-  EXPECT_EQ(two.delta, 100.0);
-}
-
-TEST_F(ConstructorArgs, empty_data_keeps_the_digest_empty_whatever_its_class) {
-  const auto delta = HostArray::createDoubleScalar(50.0);
-  TDigest d;
-  construct(d, {empty_.get(), delta.get()});
-  EXPECT_EQ(d.delta, 50.0);
-  EXPECT_EQ(d.totalWeight, 0u);
-  const auto emptyChar = HostArray::createChar("");
-  const auto emptyCell = HostArray::createCell({0, 0});
-  for (const HostArray* data : {emptyChar.get(), emptyCell.get()}) {
-    TDigest e;
-    construct(e, {data});
-    EXPECT_EQ(e.totalWeight, 0u);
-  }
-}
-
-TEST_F(ConstructorArgs, delta_must_be_a_real_double_scalar) {
-  const auto single = makeArray<float>({50.0f}, {1, 1});
-  const auto pair = makeArray<double>({50.0, 60.0}, {1, 2});
-  const auto integer = makeArray<std::int32_t>({50}, {1, 1});
-  auto complex = HostArray::createNumeric({1, 1}, ClassID::Double, true);
-  complex->data<double>()[0] = 50.0;
-  const auto logicalData = HostArray::createLogical({1, 2});
-  const std::vector<const HostArray*> refused = {single.get(), pair.get(), integer.get(),
-                                                 complex.get()};
-  for (const HostArray* delta : refused) {
+TEST(BuildArgs, bad_arguments_raise_their_identifiers_and_leave_the_digest_as_it_was) {
+  const auto x = makeRow<double>({1, 2, 3, 4, 5, 6});
+  const auto none = HostArray::createNumeric({0, 0}, ClassID::Double);
+  const auto single = makeArray<float>({50.0f}, {1, 1}), pair = makeRow<double>({50, 60});
+  const auto complex = HostArray::createNumeric({1, 1}, ClassID::Double, true);
+  const auto zero = HostArray::createDoubleScalar(0.0), minus = HostArray::createDoubleScalar(-2.5);
+  const auto nan = HostArray::createDoubleScalar(std::nan(""));
+  const auto logical = HostArray::createLogical({1, 3}), noText = HostArray::createChar("");
+  const auto three = HostArray::createDoubleScalar(3.0);
+  const char* const count = "QUORIX:class:WrongNumberOfConstructorArgs";
+  const char* const type = "stats:tdigest:DeltaInvalidType";
+  const char* const value = "stats:tdigest:DeltaInvalidValue";
+  const char* const real = "QUORIX:class:RequireReal";
+  const char* const stream = "QUORIX:random:InvalidStream";
+  struct Case {
+    bool columns;  // buildColumnDigestsFromArgs, else constructDigest
+    Args in;
+    const char* id;
+  };
+  for (const Case& c :
+       std::vector<Case>{{false, {x.get(), x.get(), x.get(), x.get()}, count},
+                         {false, {x.get(), single.get()}, type},
+                         {false, {x.get(), pair.get()}, type},
+                         {false, {x.get(), complex.get()}, type},
+                         {false, {logical.get(), single.get()}, type},  // delta before data
+                         {false, {x.get(), zero.get()}, value},
+                         {false, {x.get(), minus.get()}, value},
+                         {false, {x.get(), nan.get()}, value},
+                         {false, {logical.get()}, real},
+                         {false, {x.get(), none.get(), three.get()}, stream},
+                         {true, {x.get(), x.get(), x.get(), x.get()}, count},
+                         {true, {noText.get()}, real},  // checked also when empty
+                         {true, {complex.get()}, real},
+                         {true, {x.get(), zero.get()}, value},
+                         {true, {x.get(), none.get(), three.get()}, stream}}) {
+    SCOPED_TRACE(std::string(c.columns ? "columns: " : "constructor: ") + c.id);
     TDigest d;
-    expectKeyedError<stats::tdigest::DeltaInvalidType>(
-        [&] { construct(d, {x_.get(), delta}); }, "stats:tdigest:DeltaInvalidType");
+    try {
+      if (c.columns) {
+        buildColumnDigestsFromArgs(static_cast<int>(c.in.size()), c.in.data());
+      } else {
+        construct(d, c.in);
+      }
+      ADD_FAILURE() << "nothing raised";
+    } catch (const quorix::MsgIDException& e) {
+      EXPECT_EQ(e.identifier(), c.id);
+    }
     EXPECT_EQ(d.totalWeight, 0u);
     EXPECT_EQ(d.delta, 100.0);
   }
-  // The delta is checked before the data.
-  TDigest d;
-  expectKeyedError<stats::tdigest::DeltaInvalidType>(
-      [&] { construct(d, {logicalData.get(), single.get()}); }, "stats:tdigest:DeltaInvalidType");
-}
-
-TEST_F(ConstructorArgs, delta_not_above_zero_is_refused_with_its_value_as_text) {
-  const std::vector<std::pair<double, std::string>> cases = {
-      {0.0, "0.000000"}, {-1.0, "-1.000000"}, {-2.5, "-2.500000"}};
-  for (const auto& [value, text] : cases) {
-    const auto delta = HostArray::createDoubleScalar(value);
-    TDigest d;
-    const auto id = expectKeyedError<stats::tdigest::DeltaInvalidValue>(
-        [&] { construct(d, {x_.get(), delta.get()}); }, "stats:tdigest:DeltaInvalidValue");
-    EXPECT_EQ(id.args(), std::vector<std::string>{text});
-    EXPECT_EQ(d.delta, 100.0);
-    EXPECT_EQ(d.totalWeight, 0u);
-  }
-  const auto nan = HostArray::createDoubleScalar(std::numeric_limits<double>::quiet_NaN());
-  TDigest d;
-  expectKeyedError<stats::tdigest::DeltaInvalidValue>(
-      [&] { construct(d, {x_.get(), nan.get()}); }, "stats:tdigest:DeltaInvalidValue");
-}
-
-TEST_F(ConstructorArgs, bad_data_is_refused_after_the_other_inputs_are_taken) {
-  const auto logical = HostArray::createLogical({1, 3});
-  const auto delta = HostArray::createDoubleScalar(40.0);
-  TDigest d;
-  expectKeyedError<component_QUORIX::catalog_class::key_RequireReal>(
-      [&] { construct(d, {logical.get(), delta.get()}); }, "QUORIX:class:RequireReal");
-  EXPECT_EQ(d.delta, 40.0);
-  EXPECT_EQ(d.totalWeight, 0u);
-}
-
-TEST_F(ConstructorArgs, three_inputs_with_empty_stream_add_serially_on_the_default_stream) {
-  const auto delta = HostArray::createDoubleScalar(50.0);
-  default_.reset(31);
-  TDigest d;
-  construct(d, {x_.get(), delta.get(), empty_.get()});
-  EXPECT_EQ(d.stream, &default_);
-  EXPECT_EQ(d.delta, 50.0);
-  default_.reset(31);
-  expectSameCentroids(d, serialReference(values_, 50.0, default_));
-}
-
-TEST_F(ConstructorArgs, three_inputs_with_a_stream_add_serially_on_that_stream) {
-  std::shared_ptr<quorix::RandomStream> s = quorix::RandomStream::create("mrg32k3a", 1000000, 12);
-  const auto streamValue = quorix::RandomStream::toHostValue(s);
-  TDigest d;
-  construct(d, {x_.get(), empty_.get(), streamValue.get()});
-  EXPECT_EQ(d.stream, s.get());
-  EXPECT_EQ(d.delta, 100.0);
-  auto twin = quorix::RandomStream::create("mrg32k3a", 1000000, 12);
-  expectSameCentroids(d, serialReference(values_, 100.0, *twin));
-}
-
-TEST_F(ConstructorArgs, a_stream_input_that_is_not_a_stream_is_a_host_error) {
-  const auto notAStream = HostArray::createDoubleScalar(3.0);
-  TDigest d;
-  expectHostError([&] { construct(d, {x_.get(), empty_.get(), notAStream.get()}); },
-                  "QUORIX:random:InvalidStream");
-  EXPECT_EQ(d.totalWeight, 0u);
-}
-
-TEST_F(ConstructorArgs, more_than_three_inputs_are_refused) {
-  TDigest d;
-  expectKeyedError<component_QUORIX::catalog_class::key_WrongNumberOfConstructorArgs>(
-      [&] { construct(d, {x_.get(), empty_.get(), empty_.get(), empty_.get()}); },
-      "QUORIX:class:WrongNumberOfConstructorArgs");
-  EXPECT_EQ(d.totalWeight, 0u);
-  EXPECT_EQ(d.stream, &default_);
 }
 
 }  // namespace

@@ -1,285 +1,156 @@
-// Data check, element conversion, and the serial and parallel paths of
-// addArray.
+// addArray over the ten element types: the serial path against adding value
+// by value, the parallel path against the serial one and the exact
+// quantiles, where the parallel path's generator comes from, 64-bit integers
+// beyond 2^53, and the capacity warnings.
 #include "build/element_types.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
+#include <atomic>
 #include <cstdint>
 #include <limits>
-#include <type_traits>
 #include <vector>
 
+#include "build/substream.h"
 #include "build_test_support.h"
 #include "core/accuracy.h"
 #include "core/queries.h"
-#include "quorix/random_stream.h"
 #include "summary/properties.h"
 
 namespace zotdigest {
 namespace {
 
 using namespace zotdigest::testing;
-using quorix::ClassID;
-using quorix::HostArray;
-using RequireRealTag = component_QUORIX::catalog_class::key_RequireReal;
-
-constexpr const char* kRequireReal = "QUORIX:class:RequireReal";
-
-// --- data check ---------------------------------------------------------------
-
-TEST(CheckData, refuses_every_non_numeric_class_also_when_empty) {
-  const std::vector<quorix::HostArrayPtr> refused = [] {
-    std::vector<quorix::HostArrayPtr> v;
-    v.push_back(HostArray::createLogical({2, 2}));
-    v.push_back(HostArray::createLogical({0, 0}));
-    v.push_back(HostArray::createChar("abc"));
-    v.push_back(HostArray::createChar(""));
-    v.push_back(HostArray::createCell({1, 2}));
-    v.push_back(HostArray::createStruct({1, 1}, {"a"}));
-    return v;
-  }();
-  for (const auto& a : refused) {
-    SCOPED_TRACE(std::string(quorix::className(a->classID())));
-    expectKeyedError<RequireRealTag>([&] { checkData(*a); }, kRequireReal);
-  }
-}
-
-TEST(CheckData, refuses_complex_data_even_with_zero_imaginary_parts) {
-  auto a = HostArray::createNumeric({1, 3}, ClassID::Double, /*complex=*/true);
-  a->data<double>()[0] = 1.0;
-  expectKeyedError<RequireRealTag>([&] { checkData(*a); }, kRequireReal);
-  const auto emptyComplex = HostArray::createNumeric({0, 0}, ClassID::Int16, true);
-  expectKeyedError<RequireRealTag>([&] { checkData(*emptyComplex); }, kRequireReal);
-}
 
 template <class T>
-class ElementTypeTest : public ::testing::Test {};
-TYPED_TEST_SUITE(ElementTypeTest, ElementTypes);
+class AddArray : public ::testing::Test {};
+TYPED_TEST_SUITE(AddArray, ElementTypes);
 
-TYPED_TEST(ElementTypeTest, check_data_accepts_real_arrays_also_when_empty) {
-  EXPECT_NO_THROW(checkData(*makeRow<TypeParam>({1, 2})));
-  EXPECT_NO_THROW(checkData(*HostArray::createNumeric({0, 3}, classOf<TypeParam>())));
-}
-
-// --- conversion -----------------------------------------------------------------
-
-TYPED_TEST(ElementTypeTest, dispatch_adds_each_element_as_its_value) {
-  using T = TypeParam;
-  // The integer extremes; floating values far enough apart to stay three
-  // centroids with finite distances between them.
-  const T lo = std::is_floating_point_v<T> ? T(-1e6) : std::numeric_limits<T>::lowest();
-  const T hi = std::is_floating_point_v<T> ? T(1e6) : std::numeric_limits<T>::max();
-  for (const bool serial : {true, false}) {
-    TDigest d;
-    addArrayDispatch(*makeRow<T>({hi, lo, T(7)}), d, serial);
-    const auto c = centroidsOf(d);
-    ASSERT_EQ(c.size(), 3u);
-    EXPECT_EQ(c[0].mean, static_cast<double>(lo));
-    EXPECT_EQ(c[1].mean, 7.0);
-    EXPECT_EQ(c[2].mean, static_cast<double>(hi));
-    EXPECT_EQ(d.totalWeight, 3u);
-  }
-}
-
-TEST(ElementConversion, sixty_four_bit_integers_beyond_2_53_round_to_nearest_double) {
-  // 2^53 + 1 lies halfway between two doubles and rounds to the even one.
-  const std::int64_t big = (std::int64_t{1} << 53) + 1;
-  const std::uint64_t huge = std::numeric_limits<std::uint64_t>::max();
-  for (const bool serial : {true, false}) {
-    TDigest s;
-    addArray<std::int64_t>(*makeRow<std::int64_t>({big, -big}), s, serial);
-    auto c = centroidsOf(s);
-    ASSERT_EQ(c.size(), 2u);
-    EXPECT_EQ(c[0].mean, -9007199254740992.0);
-    EXPECT_EQ(c[1].mean, 9007199254740992.0);
-
-    // The unsigned maximum is 2^64 as a double, never -1.
-    TDigest u;
-    addArray<std::uint64_t>(*makeRow<std::uint64_t>({huge, (std::uint64_t{1} << 63) + 1}), u,
-                            serial);
-    c = centroidsOf(u);
-    ASSERT_EQ(c.size(), 2u);
-    EXPECT_EQ(c[0].mean, 9223372036854775808.0);
-    EXPECT_EQ(c[1].mean, 18446744073709551616.0);
-  }
-}
-
-TEST(AddArrayDispatch, adds_nothing_for_a_class_without_data) {
-  TDigest d;
-  addArrayDispatch(*HostArray::createLogical({1, 4}), d, false);
-  addArrayDispatch(*HostArray::createChar("ab"), d, true);
-  EXPECT_EQ(d.totalWeight, 0u);
-  EXPECT_EQ(d.tree.size(), 0u);
-}
-
-// --- serial path -----------------------------------------------------------------
-
-TYPED_TEST(ElementTypeTest, serial_path_equals_adding_value_by_value_then_compress) {
-  using T = TypeParam;
-  // Two full blocks and a remainder; a small delta makes add compress on
-  // the way as well.
-  const auto values = sampleValues<T>(25003);
-  const auto data = makeRow(values);
-  auto streamA = quorix::RandomStream::create("mrg32k3a", 1000000, 11);
-  auto streamB = quorix::RandomStream::create("mrg32k3a", 1000000, 11);
-
-  TDigest bulk;
+TYPED_TEST(AddArray, serial_path_adds_value_by_value_then_compresses_from_the_stream) {
+  // Two full blocks and a remainder; delta 20 makes add compress on the way.
+  const auto values = sampleValues<TypeParam>(25003);
+  auto streamA = seededStream(11), streamB = seededStream(11);
+  TDigest bulk, oneByOne;
   setDelta(bulk, 20.0);
-  bulk.stream = streamA.get();
-  addArray<T>(*data, bulk, true);
-
-  TDigest oneByOne;
   setDelta(oneByOne, 20.0);
+  bulk.stream = streamA.get();
   oneByOne.stream = streamB.get();
-  for (const T v : values) oneByOne.add(static_cast<double>(v));
+  addArray<TypeParam>(*makeRow(values), bulk, true);
+  for (const TypeParam v : values) oneByOne.add(static_cast<double>(v));
   oneByOne.compress();
-
   expectSameCentroids(bulk, oneByOne);
-  EXPECT_EQ(bulk.totalWeight, values.size());
-  EXPECT_EQ(bulk.stream, streamA.get());
-  // Both streams moved in step: the next draws agree.
-  EXPECT_EQ(streamA->uniform(), streamB->uniform());
+  EXPECT_EQ(streamA->uniform(), streamB->uniform());  // both moved in step
 }
 
-TEST(SerialAdd, draws_nothing_from_the_default_stream) {
-  auto own = quorix::RandomStream::create("mrg32k3a", 1000000, 3);
-  quorix::RandomStream& def = quorix::RandomStream::defaultStream();
-  def.reset(17);
-  TDigest d;
-  d.stream = own.get();
-  addArray<double>(*makeRow(sampleValues<double>(3000)), d, true);
-  const double next = def.uniform();
-  def.reset(17);
-  EXPECT_EQ(next, def.uniform());
-}
-
-// --- parallel path -----------------------------------------------------------------
-
-// Distance of q from the range of ranks (as fractions) that value x takes
-// in the sorted data: 0 when x sits at quantile q.
+// Distance of q from the range of ranks (as fractions) x takes in the data.
 double rankError(const std::vector<double>& sorted, double x, double q) {
   const double n = static_cast<double>(sorted.size());
-  const auto lo = std::lower_bound(sorted.begin(), sorted.end(), x) - sorted.begin();
-  const auto hi = std::upper_bound(sorted.begin(), sorted.end(), x) - sorted.begin();
-  const double rLo = static_cast<double>(lo) / n;
-  const double rHi = static_cast<double>(hi) / n;
-  if (q < rLo) return rLo - q;
-  if (q > rHi) return q - rHi;
-  return 0.0;
+  const double lo =
+      static_cast<double>(std::lower_bound(sorted.begin(), sorted.end(), x) - sorted.begin()) / n;
+  const double hi =
+      static_cast<double>(std::upper_bound(sorted.begin(), sorted.end(), x) - sorted.begin()) / n;
+  return q < lo ? lo - q : (q > hi ? q - hi : 0.0);
 }
 
-TYPED_TEST(ElementTypeTest, parallel_path_keeps_every_value_and_answers_within_bounds) {
-  using T = TypeParam;
-  const auto values = sampleValues<T>(100000, 7);
-  auto own = quorix::RandomStream::create("mrg32k3a", 1000000, 5);
-  TDigest d;
-  setDelta(d, 50.0);
-  d.stream = own.get();
-  addArray<T>(*makeRow(values), d, false);
-
-  EXPECT_EQ(d.totalWeight, values.size());
-  std::uint64_t sum = 0;
-  for (const auto& c : centroidsOf(d)) sum += c.count;
-  EXPECT_EQ(sum, values.size());
-  EXPECT_EQ(d.delta, 50.0);
-  EXPECT_EQ(d.stream, own.get());
-
+TYPED_TEST(AddArray, parallel_path_keeps_the_weight_and_size_of_the_serial_one_and_its_accuracy) {
+  const auto values = sampleValues<TypeParam>(100000, 7);
   std::vector<double> sorted(values.begin(), values.end());
   std::sort(sorted.begin(), sorted.end());
-  for (const double q : {0.001, 0.01, 0.1, 0.25, 0.5, 0.75, 0.9, 0.99, 0.999}) {
-    EXPECT_LT(rankError(sorted, icdf(d, q), q),
-              rankErrorBound(q, 50.0, static_cast<double>(values.size())))
-        << "q = " << q;
-  }
-}
-
-TYPED_TEST(ElementTypeTest, parallel_path_with_one_element_adds_weight_one) {
-  using T = TypeParam;
-  TDigest d;
-  addArray<T>(*makeRow<T>({T(9)}), d, false);
-  EXPECT_EQ(d.totalWeight, 1u);
-  const auto c = centroidsOf(d);
-  ASSERT_EQ(c.size(), 1u);
-  EXPECT_EQ(c[0].mean, 9.0);
-  EXPECT_EQ(c[0].count, 1u);
-}
-
-TEST(ParallelAdd, seeds_its_generator_with_one_draw_from_the_default_stream) {
-  auto own = quorix::RandomStream::create("mrg32k3a", 1000000, 3);
-  quorix::RandomStream& def = quorix::RandomStream::defaultStream();
-  def.reset(23);
-  TDigest d;
-  d.stream = own.get();
-  addArray<double>(*makeRow(sampleValues<double>(5000)), d, false);
-  const double next = def.uniform();
-  def.reset(23);
-  def.uniform();
-  EXPECT_EQ(next, def.uniform());
-}
-
-TEST(ParallelAdd, refuses_an_invalid_delta_on_the_target_and_leaves_it_unchanged) {
-  TDigest d;
-  d.delta = 0.0;  // only reachable by assigning the member directly
-  expectKeyedError<stats::tdigest::DeltaInvalidValue>(
-      [&] { addArray<double>(*makeRow<double>({1, 2}), d, false); },
-      "stats:tdigest:DeltaInvalidValue");
-  EXPECT_EQ(d.totalWeight, 0u);
-}
-
-// --- empty input and capacity warnings ------------------------------------------------
-
-TEST(AddArray, empty_array_changes_nothing) {
+  auto own = seededStream(5);
+  TDigest digests[2];  // serial, parallel
   for (const bool serial : {true, false}) {
-    TDigest d;
-    addArray<double>(*makeRow(sampleValues<double>(500)), d, true);
-    const auto before = centroidsOf(d);
-    WarningRecorder warnings;
-    addArray<double>(*HostArray::createNumeric({0, 0}, ClassID::Double), d, serial);
-    addArray<std::int8_t>(*HostArray::createNumeric({3, 0}, ClassID::Int8), d, serial);
-    const auto after = centroidsOf(d);
-    ASSERT_EQ(after.size(), before.size());
-    for (std::size_t i = 0; i < before.size(); ++i) {
-      EXPECT_EQ(after[i].mean, before[i].mean);
-      EXPECT_EQ(after[i].count, before[i].count);
+    TDigest& d = digests[serial ? 0 : 1];
+    setDelta(d, 50.0);
+    d.stream = own.get();
+    addArray<TypeParam>(*makeRow(values), d, serial);
+    EXPECT_EQ(d.totalWeight, values.size());
+    EXPECT_EQ(d.stream, own.get());
+    EXPECT_LE(d.tree.size(), 20u * 50u);  // compressed
+    for (const double q : {0.001, 0.01, 0.1, 0.25, 0.5, 0.75, 0.9, 0.99, 0.999}) {
+      EXPECT_LT(rankError(sorted, icdf(d, q), q),
+                rankErrorBound(q, 50.0, static_cast<double>(values.size())))
+          << (serial ? "serial" : "parallel") << ", q = " << q;
     }
-    EXPECT_EQ(d.totalWeight, 500u);
-    EXPECT_TRUE(warnings.ids().empty());
+  }
+  // Merging partial digests leaves about as many centroids as one digest.
+  const auto serialSize = static_cast<double>(digests[0].tree.size());
+  EXPECT_GE(static_cast<double>(digests[1].tree.size()), 0.8 * serialSize);
+  EXPECT_LE(static_cast<double>(digests[1].tree.size()), 1.25 * serialSize);
+}
+
+TEST(SubstreamIndex, runs_from_1_to_one_million_then_starts_again_at_1_never_0) {
+  std::atomic<std::uint64_t> counter{0};
+  EXPECT_EQ(takeSubstreamIndex(counter), 1u);
+  counter = kSubstreamCount - 1;
+  EXPECT_EQ(takeSubstreamIndex(counter), kSubstreamCount);
+  EXPECT_EQ(takeSubstreamIndex(counter), 1u);
+  // The process-wide counter, wherever it stands, goes round the same way.
+  std::uint64_t previous = nextSubstreamIndex();
+  for (std::uint64_t i = 0; i < kSubstreamCount; ++i) {
+    const std::uint64_t k = nextSubstreamIndex();
+    ASSERT_EQ(k, previous == kSubstreamCount ? 1u : previous + 1);
+    previous = k;
   }
 }
 
-TEST(AddArray, empty_array_on_an_overfull_digest_warns_post_max_data_once) {
+TEST(CallGenerator, parallel_path_draws_once_from_the_default_stream_and_serial_path_never) {
+  // The parallel path seeds its generator with one draw.
+  quorix::RandomStream& def = quorix::RandomStream::defaultStream();
   for (const bool serial : {true, false}) {
+    auto own = seededStream(3);
     TDigest d;
-    setNumDataPoints(d, 8000000000000001u);
-    WarningRecorder warnings;
-    addArray<double>(*HostArray::createNumeric({0, 0}, ClassID::Double), d, serial);
-    EXPECT_EQ(warnings.ids(), std::vector<std::string>{"stats:tdigest:PostMaxData"});
-    EXPECT_EQ(d.totalWeight, 8000000000000001u);
+    d.stream = own.get();
+    def.reset(23);
+    addArray<double>(*makeRow(sampleValues<double>(5000)), d, serial);
+    const double next = def.uniform();
+    def.reset(23);
+    if (!serial) def.uniform();
+    EXPECT_EQ(next, def.uniform()) << (serial ? "serial" : "parallel");
   }
 }
 
-TEST(AddArray, checks_capacity_before_with_the_element_count_and_after_with_zero) {
-  // The digests hold real weight, since compress and merge recount it.
+TEST(ElementConversion, sixty_four_bit_integers_beyond_2_53_round_to_the_nearest_double) {
+  // 2^53 + 1 lies halfway between two doubles and rounds to the even one;
+  // the unsigned maximum is 2^64, never -1.
+  const std::int64_t big = (std::int64_t{1} << 53) + 1;
+  for (const bool serial : {true, false}) {
+    TDigest s, u;
+    addArray<std::int64_t>(*makeRow<std::int64_t>({big, -big}), s, serial);
+    const std::uint64_t top = ~std::uint64_t{0}, half = (std::uint64_t{1} << 63) + 1;
+    addArray<std::uint64_t>(*makeRow<std::uint64_t>({top, half}), u, serial);
+    const auto cs = centroidsOf(s), cu = centroidsOf(u);
+    ASSERT_EQ(cs.size(), 2u);
+    ASSERT_EQ(cu.size(), 2u);
+    EXPECT_EQ(cs[0].mean, -9007199254740992.0);
+    EXPECT_EQ(cs[1].mean, 9007199254740992.0);
+    EXPECT_EQ(cu[0].mean, 9223372036854775808.0);
+    EXPECT_EQ(cu[1].mean, 18446744073709551616.0);
+  }
+}
+
+TEST(AddArrayCapacity, warns_before_past_the_limit_and_after_when_it_was_crossed) {
+  constexpr std::uint64_t kLimit = 8000000000000000;
   for (const bool serial : {true, false}) {
     SCOPED_TRACE(serial ? "serial" : "parallel");
-    TDigest exact;
-    exact.add(0.0, 8000000000000000u - 1);
-    {
-      WarningRecorder warnings;
-      addArray<double>(*makeRow<double>({1}), exact, serial);
-      EXPECT_TRUE(warnings.ids().empty());
-      EXPECT_EQ(exact.totalWeight, 8000000000000000u);
-    }
-    TDigest over;
-    over.add(0.0, 8000000000000000u);
-    WarningRecorder warnings;
+    // The digests hold real weight, since compress and merge recount it.
+    TDigest exact, over, empty;
+    exact.add(0.0, kLimit - 1);
+    over.add(0.0, kLimit);
+    setNumDataPoints(empty, kLimit + 1);
+    WarningRecorder atLimit;
+    addArray<double>(*makeRow<double>({1}), exact, serial);
+    EXPECT_TRUE(atLimit.ids().empty());
+    EXPECT_EQ(exact.totalWeight, kLimit);
+    WarningRecorder past;
     addArray<double>(*makeRow<double>({1}), over, serial);
-    ASSERT_FALSE(warnings.ids().empty());
-    EXPECT_EQ(warnings.ids().front(), "stats:tdigest:PreMaxData");
-    EXPECT_EQ(warnings.ids().back(), "stats:tdigest:PostMaxData");
-    EXPECT_EQ(over.totalWeight, 8000000000000001u);
+    EXPECT_EQ(past.ids(),
+              (std::vector<std::string>{"stats:tdigest:PreMaxData", "stats:tdigest:PostMaxData"}));
+    WarningRecorder nothingAdded;
+    addArray<double>(*quorix::HostArray::createNumeric({0, 0}, quorix::ClassID::Double), empty,
+                     serial);
+    EXPECT_EQ(nothingAdded.ids(), std::vector<std::string>{"stats:tdigest:PostMaxData"});
+    EXPECT_EQ(empty.totalWeight, kLimit + 1);
   }
 }
 

@@ -1,70 +1,55 @@
 // User interrupts during addArray: where each path polls, what reaches the
 // caller, and what the target digest keeps.
+#include "quorix/interrupt.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstdint>
-#include <memory>
 #include <thread>
 #include <typeinfo>
 #include <vector>
 
 #include "build/element_types.h"
 #include "build_test_support.h"
-#include "quorix/interrupt.h"
-#include "quorix/random_stream.h"
 
 namespace zotdigest {
 namespace {
 
 using namespace zotdigest::testing;
 
-constexpr const char* kInterrupted = "QUORIX:interrupt:Interrupted";
-
-class InterruptTest : public ::testing::Test {
+class Interrupt : public ::testing::Test {
  protected:
   void SetUp() override { quorix::clearInterrupt(); }
   void TearDown() override { quorix::clearInterrupt(); }
 
-  static std::unique_ptr<quorix::RandomStream> seeded(std::uint64_t seed) {
-    return quorix::RandomStream::create("mrg32k3a", 1000000, seed);
-  }
-
-  // Runs addArray<double> and reports whether it stopped by an interrupt;
-  // the exception must be the runtime's own, with its identifier.
-  static bool addInterrupted(const quorix::HostArray& data, TDigest& d, bool serial) {
+  // Runs addArray<double> with an interrupt requested before the call, or
+  // by another thread delayMs into it. True when the build stopped by the
+  // interrupt, which must be the runtime's own exception with its identifier.
+  static bool interrupted(const quorix::HostArray& data, TDigest& d, bool serial, int delayMs = 0) {
+    if (delayMs == 0) quorix::requestInterrupt();
+    std::thread interrupter([delayMs] {
+      if (delayMs == 0) return;
+      std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
+      quorix::requestInterrupt();
+    });
+    bool stopped = false;
     try {
       addArray<double>(data, d, serial);
     } catch (const quorix::MsgIDException& e) {
-      EXPECT_EQ(e.identifier(), kInterrupted);
+      EXPECT_EQ(e.identifier(), "QUORIX:interrupt:Interrupted");
       EXPECT_EQ(typeid(e), typeid(quorix::MsgIDException));
-      return true;
+      stopped = true;
     }
-    return false;
-  }
-
-  // The same build with another thread requesting the interrupt shortly
-  // after the start. False when the build won the race.
-  static bool addWithLateInterrupt(const quorix::HostArray& data, TDigest& d, bool serial) {
-    std::atomic<bool> started{false};
-    std::thread interrupter([&started] {
-      while (!started.load()) std::this_thread::yield();
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-      quorix::requestInterrupt();
-    });
-    started.store(true);
-    const bool interrupted = addInterrupted(data, d, serial);
     interrupter.join();
-    quorix::clearInterrupt();
-    return interrupted;
+    if (delayMs != 0) quorix::clearInterrupt();  // in case the build won the race
+    return stopped;
   }
 
-  // What the serial path must have left after adding the first k values:
-  // exactly those, in order, from an equally seeded stream, not compressed.
-  static void expectFirstValuesAdded(const TDigest& d, const std::vector<double>& values,
-                                     std::uint64_t seed) {
-    auto stream = seeded(seed);
+  // A serially interrupted digest holds exactly its first values, added
+  // from an equally seeded stream and not compressed.
+  static void expectFirstValuesAdded(const TDigest& d, const std::vector<double>& values) {
+    auto stream = seededStream(3);
     TDigest expected;
     expected.stream = stream.get();
     for (std::uint64_t i = 0; i < d.totalWeight; ++i) expected.add(values[i]);
@@ -72,81 +57,48 @@ class InterruptTest : public ::testing::Test {
   }
 };
 
-TEST_F(InterruptTest, serial_path_stops_after_the_first_full_block_when_already_requested) {
-  const auto values = sampleValues<double>(25000);
-  auto stream = seeded(1);
-  TDigest d;
-  d.stream = stream.get();
-  quorix::requestInterrupt();
-  EXPECT_TRUE(addInterrupted(*makeRow(values), d, true));
-  EXPECT_EQ(d.totalWeight, 10000u);
-  expectFirstValuesAdded(d, values, 1);
-  EXPECT_FALSE(quorix::interruptPending());
-}
-
-TEST_F(InterruptTest, serial_path_polls_after_an_exactly_full_last_block) {
-  const auto values = sampleValues<double>(10000);
-  auto stream = seeded(2);
-  TDigest d;
-  d.stream = stream.get();
-  quorix::requestInterrupt();
-  EXPECT_TRUE(addInterrupted(*makeRow(values), d, true));
-  EXPECT_EQ(d.totalWeight, 10000u);
-  expectFirstValuesAdded(d, values, 2);  // stopped before compress
-}
-
-TEST_F(InterruptTest, serial_path_does_not_poll_after_the_remainder) {
-  TDigest d;
-  quorix::requestInterrupt();
-  EXPECT_FALSE(addInterrupted(*makeRow(sampleValues<double>(9999)), d, true));
-  EXPECT_EQ(d.totalWeight, 9999u);
-  EXPECT_TRUE(quorix::interruptPending());
-}
-
-TEST_F(InterruptTest, parallel_path_stops_and_leaves_the_target_as_it_was) {
-  const auto prior = sampleValues<double>(3000, 5);
-  TDigest d;
-  addArray<double>(*makeRow(prior), d, true);
-  const TDigest before = d;
-  quorix::requestInterrupt();
-  EXPECT_TRUE(addInterrupted(*makeRow(sampleValues<double>(100000)), d, false));
-  expectSameCentroids(d, before);
-  EXPECT_FALSE(quorix::interruptPending());
-}
-
-TEST_F(InterruptTest, serial_build_stops_at_a_block_boundary_when_interrupted_from_another_thread) {
-  for (std::size_t n = 5000000; n <= 20000000; n *= 2) {
-    const auto values = sampleValues<double>(n, 13);
-    const auto data = makeRow(values);
-    auto stream = seeded(3);
+TEST_F(Interrupt, serial_path_polls_after_each_full_block_only) {
+  for (const std::size_t n : {25000u, 10000u, 9999u}) {
+    SCOPED_TRACE(n);
+    const auto values = sampleValues<double>(n);
+    auto stream = seededStream(3);
     TDigest d;
     d.stream = stream.get();
-    if (addWithLateInterrupt(*data, d, true)) {
-      EXPECT_EQ(d.totalWeight % 10000, 0u);
-      EXPECT_GT(d.totalWeight, 0u);
-      EXPECT_LT(d.totalWeight, n);
-      expectFirstValuesAdded(d, values, 3);
-      return;
-    }
+    EXPECT_EQ(interrupted(*makeRow(values), d, true), n >= 10000);
+    EXPECT_EQ(d.totalWeight, n >= 10000 ? 10000u : n);
+    EXPECT_EQ(quorix::interruptPending(), n < 10000);  // the remainder is not followed by a poll
+    if (n >= 10000) expectFirstValuesAdded(d, values);
+    quorix::clearInterrupt();
   }
-  ADD_FAILURE() << "every build finished before the interrupt was observed";
 }
 
-TEST_F(InterruptTest, parallel_build_interrupted_from_another_thread_adds_nothing) {
-  for (std::size_t n = 5000000; n <= 20000000; n *= 2) {
-    const auto data = makeRow(sampleValues<double>(n, 17));
-    TDigest d;
-    d.add(1.5);
-    if (addWithLateInterrupt(*data, d, false)) {
-      EXPECT_EQ(d.totalWeight, 1u);
-      EXPECT_EQ(d.tree.size(), 1u);
-      // The reduction is cancelled and the calling thread can build again.
-      addArray<double>(*makeRow(sampleValues<double>(1000)), d, false);
-      EXPECT_EQ(d.totalWeight, 1001u);
-      return;
+// A serial build keeps the whole blocks it added; a parallel one leaves the
+// target as it was, and the calling thread can build again.
+TEST_F(Interrupt, a_long_build_interrupted_from_another_thread_keeps_what_it_should) {
+  for (const bool serial : {true, false}) {
+    bool seen = false;
+    for (std::size_t n = 5000000; n <= 20000000 && !seen; n *= 2) {
+      const auto values = sampleValues<double>(n, 13);
+      auto stream = seededStream(3);
+      TDigest d;
+      d.stream = stream.get();
+      if (!serial) d.add(1.5);
+      seen = interrupted(*makeRow(values), d, serial, 20);
+      if (seen && serial) {
+        EXPECT_EQ(d.totalWeight % 10000, 0u);
+        EXPECT_GT(d.totalWeight, 0u);
+        EXPECT_LT(d.totalWeight, n);
+        expectFirstValuesAdded(d, values);
+      } else if (seen) {
+        EXPECT_EQ(d.totalWeight, 1u);
+        EXPECT_EQ(d.tree.size(), 1u);
+        addArray<double>(*makeRow(sampleValues<double>(1000)), d, false);
+        EXPECT_EQ(d.totalWeight, 1001u);
+      }
     }
+    EXPECT_TRUE(seen) << (serial ? "serial" : "parallel")
+                      << ": every build finished before the interrupt was observed";
   }
-  ADD_FAILURE() << "every build finished before the interrupt was observed";
 }
 
 }  // namespace
