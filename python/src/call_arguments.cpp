@@ -29,7 +29,38 @@ ScalarPool& scalarPool() {
   return pool;
 }
 
+// A free entry of the pool, marked busy and holding `value`, with its bit;
+// null when every entry is busy.
+HostArray* takeScalar(ScalarPool& pool, double value, std::uint32_t& bit) {
+  for (std::size_t i = 0; i < ScalarPool::kSize; ++i) {
+    bit = std::uint32_t{1} << i;
+    if ((pool.busy & bit) == 0) {
+      pool.busy |= bit;
+      *pool.arrays[i]->data<double>() = value;
+      return pool.arrays[i].get();
+    }
+  }
+  return nullptr;
+}
+
 }  // namespace
+
+PooledScalar::PooledScalar(double value) {
+  ScalarPool& pool = scalarPool();
+  array_ = takeScalar(pool, value, bit_);
+  if (array_ != nullptr) {
+    busy_ = &pool.busy;
+    return;
+  }
+  owned_ = HostArray::createDoubleScalar(value);
+  array_ = owned_.get();
+}
+
+PooledScalar::~PooledScalar() {
+  if (busy_ != nullptr) {
+    *busy_ &= ~bit_;
+  }
+}
 
 HostInputs::HostInputs(HostInputs&& other) noexcept
     : raw_(std::move(other.raw_)),
@@ -60,16 +91,11 @@ void HostInputs::addDouble(double value) {
   if (pool_ == nullptr) {
     pool_ = &scalarPool();
   }
-  ScalarPool& pool = *static_cast<ScalarPool*>(pool_);
-  for (std::size_t i = 0; i < ScalarPool::kSize; ++i) {
-    const std::uint32_t bit = std::uint32_t{1} << i;
-    if ((pool.busy & bit) == 0) {
-      pool.busy |= bit;
-      pooled_ |= bit;
-      *pool.arrays[i]->data<double>() = value;
-      raw_.push_back(pool.arrays[i].get());
-      return;
-    }
+  std::uint32_t bit = 0;
+  if (const HostArray* const pooled = takeScalar(*static_cast<ScalarPool*>(pool_), value, bit)) {
+    pooled_ |= bit;
+    raw_.push_back(pooled);
+    return;
   }
   add(HostArray::createDoubleScalar(value));
 }

@@ -89,6 +89,24 @@ class HostInputs {
   std::uint32_t pooled_ = 0;
 };
 
+// A double scalar holding `value` for the length of one call, from this
+// thread's pool when an entry is free (see HostInputs).
+class PooledScalar {
+ public:
+  explicit PooledScalar(double value);
+  ~PooledScalar();
+  PooledScalar(const PooledScalar&) = delete;
+  PooledScalar& operator=(const PooledScalar&) = delete;
+
+  const quorix::HostArray* get() const noexcept { return array_; }
+
+ private:
+  const quorix::HostArray* array_ = nullptr;
+  quorix::HostArrayPtr owned_;  // when the pool had no free entry
+  std::uint32_t* busy_ = nullptr;
+  std::uint32_t bit_ = 0;
+};
+
 // The inputs of a call whose trailing arguments are optional: as many as the
 // last argument that is not None requires, the None values before it passed
 // as empty arrays (so f(x, None, s) passes three inputs and f(x) one).

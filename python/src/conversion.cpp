@@ -427,7 +427,9 @@ py::object answerAfter(HostArrayPtr answer, const ArgumentShape& argument) {
   const std::size_t n = answer->numel();
   if (argument.ndim == 0 && n == 1) {
     if (argument.kind == ArgumentShape::Kind::PythonNumber) {
-      return pythonNumber(*answer);
+      py::object number = pythonNumber(*answer);
+      HostArray::recycle(std::move(answer));
+      return number;
     }
     // A NumPy scalar of the answer's dtype.
     return numericToNumpy(std::move(answer), Dims{1})[py::int_(0)];

@@ -100,10 +100,54 @@ HostObject construct(const py::object& data, const py::object& delta, const py::
   return HostObject(object->object(0), streamOf(stream));
 }
 
+// Answers as the module's shapes give them: a single answer shaped after
+// the first argument (or as a method without arguments answers), several
+// as a tuple.
+py::object answersOf(HostOutputs& out, int used, bool withArguments, const ArgumentShape& first) {
+  if (used <= 0) {
+    return py::none();
+  }
+  const auto shaped = [&](HostArrayPtr answer) {
+    return withArguments ? answerAfter(std::move(answer), first)
+                         : answerWithoutArguments(std::move(answer));
+  };
+  if (used == 1) {
+    return shaped(out.release(0));
+  }
+  py::tuple answers(static_cast<std::size_t>(used));
+  for (int i = 0; i < used; ++i) {
+    const auto slot = static_cast<std::size_t>(i);
+    // With arguments, several answers keep the module's shapes.
+    answers[slot] = withArguments ? toPython(out.release(slot)) : shaped(out.release(slot));
+  }
+  return answers;
+}
+
+// d.f(x) with a Python float x, the usual scalar query: the same call as
+// invoke makes, without building a general argument list.
+py::object invokeOnFloat(const MethodTarget& target, const HostObject& self, double x) {
+  // Held for the call: while this call waits for the object's lock without
+  // the GIL, another thread may give the wrapper a different digest.
+  const std::shared_ptr<const quorix::HostArray> object = self.array;
+  const PooledScalar argument(x);
+  const quorix::HostArray* const in[] = {object.get(), argument.get()};
+  ObjectLocks locks;
+  locks.add(*object);
+  HostOutputs out(target.outputs);
+  const int requested = static_cast<int>(target.outputs);
+  // A float argument makes a short call: the GIL stays held.
+  const int used =
+      callHeld(locks, [&] { return target.method.call(requested, out.data(), 2, in); });
+  return answersOf(out, used, true, ArgumentShape{ArgumentShape::Kind::PythonNumber, 0, 1});
+}
+
 // The body of every generated method: args[0] is the digest, the rest the
 // method's arguments.
 py::object invoke(const MethodTarget& target, PyObject* const* args, std::size_t nargs) {
   HostObject& self = initialised(hostObjectOf(args[0]), target.method.name(), "()");
+  if (nargs == 2 && PyFloat_CheckExact(args[1])) {
+    return invokeOnFloat(target, self, PyFloat_AS_DOUBLE(args[1]));
+  }
   HostInputs inputs;
   inputs.add(self.array);
   ArgumentShape first;
@@ -121,23 +165,7 @@ py::object invoke(const MethodTarget& target, PyObject* const* args, std::size_t
   const int used = callFitting(inputs, 1, [&] {
     return target.method.call(requested, out.data(), inputs.count(), inputs.data());
   });
-  if (used <= 0) {
-    return py::none();
-  }
-  const auto shaped = [&](HostArrayPtr answer) {
-    return nargs > 1 ? answerAfter(std::move(answer), first)
-                     : answerWithoutArguments(std::move(answer));
-  };
-  if (used == 1) {
-    return shaped(out.release(0));
-  }
-  py::tuple answers(static_cast<std::size_t>(used));
-  for (int i = 0; i < used; ++i) {
-    const auto slot = static_cast<std::size_t>(i);
-    // With arguments, several answers keep the module's shapes.
-    answers[slot] = nargs > 1 ? toPython(out.release(slot)) : shaped(out.release(slot));
-  }
-  return answers;
+  return answersOf(out, used, nargs > 1, first);
 }
 
 py::object getProperty(py::handle object, const std::string& name, bool scalar) {

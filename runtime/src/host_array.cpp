@@ -14,6 +14,7 @@
 #include "quorix/host_array.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cmath>
 #include <cstring>
@@ -88,34 +89,6 @@ bool hasElementStorage(ClassID id) noexcept {
 
 // --- classes and values --------------------------------------------------------
 
-bool isNumericClass(ClassID id) noexcept {
-  const int v = static_cast<int>(id);
-  return v >= static_cast<int>(ClassID::Double) && v <= static_cast<int>(ClassID::UInt64);
-}
-
-std::size_t elementSize(ClassID id) noexcept {
-  switch (id) {
-    case ClassID::Double:
-    case ClassID::Int64:
-    case ClassID::UInt64:
-      return 8;
-    case ClassID::Single:
-    case ClassID::Int32:
-    case ClassID::UInt32:
-      return 4;
-    case ClassID::Int16:
-    case ClassID::UInt16:
-    case ClassID::Char:
-      return 2;
-    case ClassID::Int8:
-    case ClassID::UInt8:
-    case ClassID::Logical:
-      return 1;
-    default:
-      return 0;
-  }
-}
-
 std::string_view className(ClassID id) noexcept {
   switch (id) {
     case ClassID::Cell:
@@ -170,9 +143,7 @@ ClassID classFromName(std::string_view name) noexcept {
 
 double hostNaN() noexcept { return std::bit_cast<double>(std::uint64_t{0x7FF8000000000000ull}); }
 
-bool isNaN(double x) noexcept { return std::isnan(x); }
 
-bool isInf(double x) noexcept { return std::isinf(x); }
 
 Dims normalizeDims(Dims dims) {
   // Missing sizes are ones, so the element count is kept: {} is 1x1, {n}
@@ -229,6 +200,54 @@ std::unique_ptr<HostArray> HostArray::createNumeric(Dims dims, ClassID id, bool 
   return a;
 }
 
+namespace {
+
+// Recycled small numeric arrays of one thread: plain numeric arrays whose
+// elements live inside the array, so that reuse needs no allocation at all.
+// Plain data, so that reaching it costs one thread-local look-up and no
+// initialisation check; a separate object empties it at thread exit.
+struct RecycledArrays {
+  static constexpr std::size_t kCapacity = 8;
+  HostArray* arrays[kCapacity];
+  std::size_t count;
+  bool cleanupRegistered;
+  // Set at thread exit: arrays freed later (by destructors running at thread
+  // or process exit) are simply deleted.
+  bool gone;
+};
+
+thread_local RecycledArrays recycled{};
+
+struct RecycledArraysCleanup {
+  ~RecycledArraysCleanup() {
+    recycled.gone = true;
+    while (recycled.count > 0) {
+      delete recycled.arrays[--recycled.count];
+    }
+  }
+};
+
+HostArray* takeRecycled() noexcept {
+  RecycledArrays& pool = recycled;
+  return pool.count == 0 ? nullptr : pool.arrays[--pool.count];
+}
+
+bool keepRecycled(HostArray* array) noexcept {
+  RecycledArrays& pool = recycled;
+  if (pool.gone || pool.count == RecycledArrays::kCapacity) {
+    return false;
+  }
+  if (!pool.cleanupRegistered) {
+    pool.cleanupRegistered = true;
+    thread_local RecycledArraysCleanup cleanup;
+    static_cast<void>(cleanup);
+  }
+  pool.arrays[pool.count++] = array;
+  return true;
+}
+
+}  // namespace
+
 std::unique_ptr<HostArray> HostArray::createNumericMatrix(std::size_t rows, std::size_t cols,
                                                           ClassID id, bool complex) {
   if (!isNumericClass(id)) {
@@ -240,12 +259,36 @@ std::unique_ptr<HostArray> HostArray::createNumericMatrix(std::size_t rows, std:
   if (__builtin_mul_overflow(rows, cols, &numel)) {
     raiseArrayError("TooLarge");
   }
-  std::unique_ptr<HostArray> a(new HostArray);
+  std::unique_ptr<HostArray> a;
+  // Arrays whose elements fit inside them (see allocate) come from the pool.
+  if (numel <= sizeof(small_) / 2 && numel * elementSize(id) <= sizeof(small_) / 2) {
+    a.reset(takeRecycled());
+  }
+  if (a) {
+    a->dims_.resize(2);  // within the capacity it had
+    a->dims_[0] = rows;
+    a->dims_[1] = cols;
+    a->imag_ = nullptr;
+  } else {
+    a.reset(new HostArray);
+    a->dims_ = Dims{rows, cols};
+  }
   a->classId_ = id;
-  a->dims_ = Dims{rows, cols};
   a->numel_ = numel;
   a->allocate(complex);
   return a;
+}
+
+void HostArray::recycle(std::unique_ptr<HostArray> array) noexcept {
+  // Only arrays that are nothing but small numeric storage: every other
+  // member is then in its initial state, as a reused array must be.
+  if (!array || !isNumericClass(array->classId_) || array->real_ != array->small_ ||
+      array->dims_.capacity() < 2) {
+    return;
+  }
+  if (keepRecycled(array.get())) {
+    array.release();
+  }
 }
 
 std::unique_ptr<HostArray> HostArray::createDoubleScalar(double value) {
@@ -395,15 +438,6 @@ std::unique_ptr<HostArray> HostArray::toDouble() const {
 
 // --- shape ---------------------------------------------------------------------
 
-bool HostArray::isNumeric() const noexcept { return isNumericClass(classId_); }
-
-std::size_t HostArray::columns() const noexcept {
-  std::size_t n = 1;
-  for (std::size_t d = 1; d < dims_.size(); ++d) {
-    n *= dims_[d];
-  }
-  return n;
-}
 
 bool HostArray::setDims(Dims dims) {
   Dims normalized = normalizeDims(std::move(dims));

@@ -21,10 +21,6 @@ Signature& Signature::setOpenEnded(bool openEnded) {
   return *this;
 }
 
-bool Signature::fitsInputCount(std::size_t n) const noexcept {
-  return openEnded_ || n == inputs_.size();
-}
-
 // --- PropertyInfo ------------------------------------------------------------
 
 PropertyInfo::PropertyInfo(std::string name, const Type* type, int getAccess, int setAccess,

@@ -22,22 +22,6 @@ Type::Type(std::string text, Kind kind, Shape shape, ClassID element, std::strin
       element_(element),
       objectClass_(std::move(objectClass)) {}
 
-bool Type::accepts(const HostArray& value) const noexcept {
-  switch (kind_) {
-    case Kind::Any:
-      return true;
-    case Kind::Element:
-      return value.classID() == element_;
-    case Kind::Object:
-      return value.classID() == ClassID::Object && value.objectClassName() == objectClass_;
-  }
-  return false;
-}
-
-bool Type::convertsToDouble() const noexcept {
-  return kind_ == Kind::Element && element_ == ClassID::Double && shape_ == Shape::Matrix;
-}
-
 namespace {
 
 bool isClassName(std::string_view name) noexcept {

@@ -80,5 +80,29 @@ TEST(HostArray, text_round_trips_and_misuse_is_refused_by_identifier) {
   }
 }
 
+// A recycled array comes back as a fresh one: zeroed, with the class,
+// sizes and complexity asked for, never carrying the old array's values.
+TEST(HostArray, recycled_small_arrays_come_back_as_fresh_ones) {
+  auto complex = HostArray::createNumericMatrix(1, 1, ClassID::Single, true);
+  *complex->data<float>() = 1.5f;
+  *static_cast<float*>(complex->imagData()) = 2.5f;
+  const HostArray* const kept = complex.get();
+  HostArray::recycle(std::move(complex));
+  HostArray::recycle(nullptr);
+  // Arrays with heap storage or views are destroyed, not kept.
+  HostArray::recycle(HostArray::createNumericMatrix(100, 3, ClassID::Double));
+  double outside = 4.0;
+  HostArray::recycle(HostArray::createView({1, 1}, ClassID::Double, &outside, nullptr, nullptr));
+
+  const auto reused = HostArray::createNumericMatrix(2, 1, ClassID::UInt16);
+  EXPECT_EQ(reused.get(), kept);
+  EXPECT_EQ(reused->classID(), ClassID::UInt16);
+  EXPECT_EQ(reused->dims(), (Dims{2, 1}));
+  EXPECT_FALSE(reused->isComplex());
+  EXPECT_EQ(reused->data<std::uint16_t>()[0], 0);
+  EXPECT_EQ(reused->data<std::uint16_t>()[1], 0);
+  EXPECT_EQ(outside, 4.0);
+}
+
 }  // namespace
 }  // namespace quorix

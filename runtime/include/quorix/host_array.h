@@ -8,6 +8,7 @@
 // NumPy buffers this way).
 #pragma once
 
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -46,9 +47,35 @@ class Object;
 using ObjectHandle = std::shared_ptr<Object>;
 
 // True for exactly the ten numeric classes (double .. uint64).
-QUORIX_API bool isNumericClass(ClassID id) noexcept;
+// The ten numeric classes: double, single and the eight integer classes.
+// Inline, like the NaN and Inf tests: they sit on every scalar call's path.
+inline constexpr bool isNumericClass(ClassID id) noexcept {
+  return id >= ClassID::Double && id <= ClassID::UInt64;
+}
 // Bytes per element of a numeric, logical or char class; 0 for the others.
-QUORIX_API std::size_t elementSize(ClassID id) noexcept;
+// Bytes per element of the classes with element storage; 0 for the others.
+inline constexpr std::size_t elementSize(ClassID id) noexcept {
+  switch (id) {
+    case ClassID::Double:
+    case ClassID::Int64:
+    case ClassID::UInt64:
+      return 8;
+    case ClassID::Single:
+    case ClassID::Int32:
+    case ClassID::UInt32:
+      return 4;
+    case ClassID::Int16:
+    case ClassID::UInt16:
+    case ClassID::Char:
+      return 2;
+    case ClassID::Int8:
+    case ClassID::UInt8:
+    case ClassID::Logical:
+      return 1;
+    default:
+      return 0;
+  }
+}
 // "double", "single", "int8", ... "uint64", "logical", "char", "cell",
 // "struct", "object", ...; the host's class names.
 QUORIX_API std::string_view className(ClassID id) noexcept;
@@ -58,8 +85,8 @@ QUORIX_API ClassID classFromName(std::string_view name) noexcept;
 
 // The host NaN: quiet NaN with bit pattern 0x7FF8000000000000.
 QUORIX_API double hostNaN() noexcept;
-QUORIX_API bool isNaN(double x) noexcept;
-QUORIX_API bool isInf(double x) noexcept;
+inline bool isNaN(double x) noexcept { return std::isnan(x); }
+inline bool isInf(double x) noexcept { return std::isinf(x); }
 
 // Canonical dimension vector: at least two entries, trailing ones past the
 // second removed.
@@ -97,6 +124,11 @@ class QUORIX_API HostArray {
   // Scalar object array holding one handle.
   static std::unique_ptr<HostArray> createScalarObject(ObjectHandle handle);
 
+  // Hands an array back for reuse by a later creation of a small numeric
+  // array on this thread, or destroys it. For callers that make many scalar
+  // calls: an answer read and no longer needed costs no heap traffic.
+  static void recycle(std::unique_ptr<HostArray> array) noexcept;
+
   // Deep copy (object handles are shared, not the objects).
   std::unique_ptr<HostArray> clone() const;
   // Numeric array of another class converted to double; a complex array
@@ -105,14 +137,20 @@ class QUORIX_API HostArray {
 
   // --- shape ---------------------------------------------------------------
   ClassID classID() const noexcept { return classId_; }
-  bool isNumeric() const noexcept;
+  bool isNumeric() const noexcept { return isNumericClass(classId_); }
   bool isComplex() const noexcept { return imag_ != nullptr; }
   bool isEmpty() const noexcept { return numel_ == 0; }
   std::size_t numel() const noexcept { return numel_; }
   const Dims& dims() const noexcept { return dims_; }
   std::size_t rows() const noexcept { return dims_[0]; }
   // Product of every dimension after the first.
-  std::size_t columns() const noexcept;
+  std::size_t columns() const noexcept {
+    std::size_t n = 1;
+    for (std::size_t d = 1; d < dims_.size(); ++d) {
+      n *= dims_[d];
+    }
+    return n;
+  }
   bool isScalar() const noexcept { return numel_ == 1; }
   // Changes the dimensions; false (and no change) if the element count
   // would differ.

@@ -51,9 +51,21 @@ class QUORIX_API Type {
 
   // Whether dispatch may choose an overload with this input type for `value`
   // (shape is not checked).
-  bool accepts(const HostArray& value) const noexcept;
+  bool accepts(const HostArray& value) const noexcept {
+    switch (kind_) {
+      case Kind::Any:
+        return true;
+      case Kind::Element:
+        return value.classID() == element_;
+      case Kind::Object:
+        return value.classID() == ClassID::Object && value.objectClassName() == objectClass_;
+    }
+    return false;
+  }
   // True for "double matrix": numeric inputs of other classes are converted.
-  bool convertsToDouble() const noexcept;
+  bool convertsToDouble() const noexcept {
+    return kind_ == Kind::Element && element_ == ClassID::Double && shape_ == Shape::Matrix;
+  }
 
  private:
   friend class TypeRepository;
@@ -85,7 +97,7 @@ class QUORIX_API Signature {
   const std::vector<const Type*>& inputs() const noexcept { return inputs_; }
   const std::vector<const Type*>& outputs() const noexcept { return outputs_; }
   bool openEnded() const noexcept { return openEnded_; }
-  bool fitsInputCount(std::size_t n) const noexcept;
+  bool fitsInputCount(std::size_t n) const noexcept { return openEnded_ || n == inputs_.size(); }
 
  private:
   std::vector<const Type*> inputs_;
