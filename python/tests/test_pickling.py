@@ -6,7 +6,7 @@ import pickle
 import numpy as np
 import pytest
 
-from zotdigest import RandomStream, TDigest, column_digests
+from zotdigest import RandomStream, TDigest
 
 # Every pickle protocol (the default among them), copy and deepcopy.
 ROUND_TRIPS = {f"pickle-{p}": lambda obj, p=p: pickle.loads(pickle.dumps(obj, protocol=p))
@@ -14,7 +14,6 @@ ROUND_TRIPS = {f"pickle-{p}": lambda obj, p=p: pickle.loads(pickle.dumps(obj, pr
 ROUND_TRIPS.update(copy=copy.copy, deepcopy=copy.deepcopy)
 # The ladder of states: empty, one value, two, a repeated value, many.
 LADDER = {
-    "empty": lambda: TDigest(),
     "empty-delta-25": lambda: TDigest(None, 25),
     "one": lambda: TDigest(3.5),
     "two": lambda: TDigest(np.array([1.0, -2.0])),
@@ -55,38 +54,15 @@ def test_a_copy_answers_bit_for_bit_goes_on_alike_and_is_independent(roundtrip, 
     assert state_and_answers(c) == state_and_answers(d)
 
 
-class Digest(TDigest):
-    """A user's subclass (at module level, where pickle finds it)."""
-
-
-def test_object_arrays_and_subclasses_round_trip(roundtrip):
-    digests = column_digests(np.arange(12.0).reshape(3, 4))
-    copies = roundtrip(digests)
-    assert copies.shape == digests.shape
-    assert [state_and_answers(c) for c in copies.flat] == [state_and_answers(d) for d in digests.flat]
-    d = Digest(np.arange(10.0))
-    assert type(roundtrip(d)) is Digest and state_and_answers(roundtrip(d)) == state_and_answers(d)
-
-
 def test_getstate_is_the_saved_properties_in_registration_order():
     d = LADDER["many"]()
     saved = d.__getstate__()
     assert list(saved) == ["AVLTreeSummary", "Delta", "NumCentroids", "NumDataPoints"]
     tree = saved["AVLTreeSummary"]
     assert tree.dtype == np.int64 and tree.ndim == 2 and tree.shape[0] == 4 and tree.shape[1] >= d.NumCentroids
-    assert (saved["Delta"].dtype, saved["Delta"].item()) == (np.float64, 40.0)
-    assert (saved["NumCentroids"].dtype, saved["NumCentroids"].item()) == (np.uint64, d.NumCentroids)
-    assert (saved["NumDataPoints"].dtype, saved["NumDataPoints"].item()) == (np.uint64, 20_000)
+    assert [(v.dtype, v.item()) for k, v in saved.items() if k != "AVLTreeSummary"] == [
+        (np.float64, 40.0), (np.uint64, d.NumCentroids), (np.uint64, 20_000)]
     assert TDigest().__getstate__()["AVLTreeSummary"].shape == (4, 0)
-
-
-def test_setstate_restores_only_properties_with_setters_even_on_a_live_object():
-    source = LADDER["many"]()
-    saved = source.__getstate__()
-    saved["NumCentroids"] = np.array([[999]], dtype=np.uint64)  # read-only: ignored
-    d = TDigest(np.arange(10.0))
-    d.__setstate__(saved)
-    assert d.NumCentroids == source.NumCentroids != 999 and state_and_answers(d) == state_and_answers(source)
 
 
 def test_a_malformed_tree_and_an_object_never_initialised_are_refused():

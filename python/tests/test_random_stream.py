@@ -13,10 +13,9 @@ def test_seed_0_gives_the_published_first_draws():
 
 
 def test_streams_of_one_seed_agree_reset_and_the_default_stream_is_shared():
-    a, b, c = RandomStream(seed=9), RandomStream("mrg32k3a", 9), RandomStream(seed=10)
-    first = a.rand(50)
-    np.testing.assert_array_equal(first, b.rand(50))
-    assert not np.array_equal(first, c.rand(50)) and np.all((first > 0) & (first < 1))
+    a, first = RandomStream(seed=9), RandomStream("mrg32k3a", 9).rand(50)
+    np.testing.assert_array_equal(a.rand(50), first)
+    assert not np.array_equal(first, RandomStream(seed=10).rand(50)) and np.all((first > 0) & (first < 1))
     a.reset()
     np.testing.assert_array_equal(a.rand(5), first[:5])
     a.reset(0)
@@ -37,13 +36,11 @@ def test_a_seeded_stream_makes_build_add_and_merge_reproducible():
 
     def build():
         s = RandomStream(seed=3)
-        d = TDigest()
-        d.add(x[:10_000], s)
-        d.merge(TDigest(x[10_000:], None, s), s)
-        return [d, merge([d, d], RandomStream(seed=5)), TDigest(x, None, RandomStream(seed=12))]
+        d = TDigest(x[:10_000], None, s)
+        d.add(x[10_000:20_000], s)
+        d.merge(TDigest(x[20_000:], None, s), s)
+        return [(t.NumDataPoints, *(a.tobytes() for a in t.centroids()))
+                for t in (d, merge([d, d], RandomStream(seed=5)))]
 
-    for a, b in zip(build(), build()):
-        for u, v in zip(a.centroids(), b.centroids()):
-            np.testing.assert_array_equal(u, v)
-    assert build()[0].NumDataPoints == x.size
-    assert TDigest(x, 20, RandomStream(seed=12)).NumCentroids != build()[2].NumCentroids
+    first = build()
+    assert first == build() and first[0][0] == x.size

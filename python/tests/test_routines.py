@@ -21,14 +21,13 @@ def test_merge_takes_a_list_or_array_into_one_digest(container):
     assert merge(PARTS[0], RandomStream(seed=1)).NumDataPoints == 100
 
 
-@pytest.mark.parametrize(
-    "call, identifier",
-    [(lambda: merge([]), "QUORIX:class:RequireClass"),
-     (lambda: merge(np.arange(3.0)), "QUORIX:class:RequireClass"),
-     (lambda: merge([TDigest(None, 50), TDigest(None, 60)]), "stats:tdigest:MergeDeltaMismatch"),
-     (lambda: column_digests(np.ones((2, 2), complex)), "QUORIX:class:RequireReal")],
-    ids=["empty", "numbers", "delta-mismatch", "complex-columns"],
-)
+BAD = {"empty": (lambda: merge([]), "QUORIX:class:RequireClass"),
+       "numbers": (lambda: merge(np.arange(3.0)), "QUORIX:class:RequireClass"),
+       "delta-mismatch": (lambda: merge([TDigest(None, 50), TDigest(None, 60)]), "stats:tdigest:MergeDeltaMismatch"),
+       "complex-columns": (lambda: column_digests(np.ones((2, 2), complex)), "QUORIX:class:RequireReal")}
+
+
+@pytest.mark.parametrize("call, identifier", BAD.values(), ids=list(BAD))
 def test_bad_inputs_are_refused(call, identifier):
     with pytest.raises(HostError) as e:
         call()
@@ -48,12 +47,7 @@ def test_column_digests_give_one_digest_per_column_in_the_modules_shape(shape, r
 def test_column_digests_take_delta_and_stream_and_default_to_delta_100():
     digests = column_digests(np.ones((4, 3), np.int32), 30, RandomStream(seed=2))
     assert [d.Delta for d in digests.flat] == [30.0] * 3 and weights(digests).tolist() == [[4, 4, 4]]
-    data = np.random.default_rng(9).normal(size=(500, 2))
-    default = column_digests(data, stream=RandomStream(seed=4))
-    for other in (column_digests(data, 100.0, RandomStream(seed=4)), column_digests(data, None, RandomStream(seed=4))):
-        for a, b in zip(default.flat, other.flat):
-            assert a.Delta == b.Delta == 100.0
-            np.testing.assert_array_equal(a.centroids()[0], b.centroids()[0])
+    assert [d.Delta for d in column_digests(np.ones((4, 2))).flat] == [100.0] * 2
 
 
 def test_merge_columns_merges_down_the_first_dimension():

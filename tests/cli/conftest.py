@@ -15,7 +15,6 @@ import pytest
 BUILD = pathlib.Path(os.environ.get("ZOTDIGEST_BUILD", "/work/main/build"))
 TOOL = BUILD / "bin" / "zotdigest"
 DATA = pathlib.Path(__file__).resolve().parent.parent / "data"
-PROBS = [0.001, 0.01, 0.1, 0.25, 0.5, 0.75, 0.9, 0.99, 0.999]
 
 if not TOOL.exists():
     pytest.skip(f"{TOOL} is not built", allow_module_level=True)
@@ -26,8 +25,7 @@ def tool_env():
 
 
 def run(*args, stdin=None, cwd=None, timeout=120, **kw):
-    """Runs the tool; stdin may be str or bytes. The result has rc, out,
-    err and json()."""
+    """Runs the tool; stdin may be str or bytes. Gives rc, out, err, json()."""
     p = subprocess.run([str(TOOL), *map(str, args)], capture_output=True, env=tool_env(),
                        input=stdin.encode() if isinstance(stdin, str) else stdin,
                        stdin=subprocess.DEVNULL if stdin is None else None, cwd=cwd,
@@ -42,24 +40,6 @@ def ok(*args, **kw):
     r = run(*args, **kw)
     assert r.rc == 0, r
     return r
-
-
-def quantiles(*args, **kw):
-    """The PROBS quantiles of the first digest."""
-    r = ok("quantile", *args, *PROBS, "--json", **kw)
-    return [q["value"] for q in r.json()["digests"][0]["quantiles"]]
-
-
-def assert_rank_accurate(data, values, p=PROBS):
-    """Each estimated quantile lies within a rank bound of p: the empirical
-    cdf of the data at the estimate (any p inside a run of ties is exact)
-    against p, tight in the tails and looser in the middle."""
-    s = np.sort(np.asarray(data, dtype=np.float64))
-    lo = np.searchsorted(s, values, side="left") / len(s)
-    hi = np.searchsorted(s, values, side="right") / len(s)
-    p = np.asarray(p)
-    err = np.maximum(0.0, np.maximum(lo - p, p - hi))
-    assert np.all(err <= 1e-4 + 0.01 * p * (1 - p)), err
 
 
 @pytest.fixture(scope="session")

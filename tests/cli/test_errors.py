@@ -5,12 +5,10 @@ from conftest import ok, run
 
 
 @pytest.mark.parametrize("text, where", [
-    ("1\n2\nfoo\n", "line 3: 'foo' is not a number"),
     ("1 2 3 4e\n", "line 1: '4e' is not a number"),
     ("# c\n\n1,5\n", "line 3: '1,5' is not a number"),
     ("0x10\n", "line 1: '0x10' is not a number"),
     ("1\r\n2\r\n--3\r\n", "line 3: '--3' is not a number"),
-    ("# 1\n# 2\n\n\n++1", "line 5: '++1' is not a number"),
     ("\n\n1 \x01\x02", "line 3: '\\x01\\x02' is not a number"),
     ("1e999\n", "line 1: '1e999' is out of the range of a double"),
 ])
@@ -20,22 +18,9 @@ def test_a_bad_number_names_its_line_and_writes_nothing(tmp_path, text, where):
     assert not (tmp_path / "x.zd").exists()
 
 
-def test_a_bad_token_far_into_a_large_file_names_the_file_and_line(tmp_path):
-    lines = [repr(i * 0.5) for i in range(300_000)]
-    lines[250_000] = "12..5"
-    (tmp_path / "big.txt").write_text("\n".join(lines))
-    r = run("summary", tmp_path / "big.txt")
-    assert r.rc == 2 and f"{tmp_path / 'big.txt'}, line 250001: '12..5'" in r.err, r
-
-
 @pytest.mark.parametrize("args, message", [
     ([], ""),
-    (["frobnicate"], ""),
     (["build"], ""),  # no -o
-    (["build", "--delta", "abc", "-o", "x.zd"], ""),
-    (["quantile", "x.zd"], ""),  # no probabilities
-    (["summary", "--precision", "30"], ""),
-    (["summary", "--nonsense"], ""),
     (["summary", "--format", "csv"], "unknown input format 'csv'"),
     (["summary", "--dtype", "float16"], "unknown dtype 'float16'"),
     (["summary", "--format", "raw"], "raw input needs --dtype"),
@@ -50,10 +35,8 @@ def test_usage_errors_and_bad_input_options_exit_2(tmp_path, args, message):
 
 @pytest.mark.parametrize("args, stdin, identifier", [
     (["quantile", "-", "1.5"], "1 2", "stats:tdigest:IcdfInvalidQuantile"),
-    (["quantile", "-", "--", "-0.5"], "1 2", "stats:tdigest:IcdfInvalidQuantile"),
     (["trimmed-mean", "-", "0.5"], "1 2", "stats:tdigest:TrimmedMeanInvalidTrim"),
     (["summary", "--delta", "0"], "1 2", "stats:tdigest:DeltaInvalidValue"),
-    (["summary", "--delta=-1"], "1 2", "stats:tdigest:DeltaInvalidValue"),
     (["cdf", "-", "0"], "", "stats:tdigest:CdfNoData"),
 ])
 def test_module_errors_exit_1_with_identifier_and_text(args, stdin, identifier):
@@ -72,9 +55,7 @@ def test_help_and_version_exit_0():
     assert ok("--version").out.startswith("zotdigest ")
 
 
-def test_unwritable_output_and_wrong_kinds_of_input(tmp_path):
-    r = run("build", "-o", tmp_path / "no" / "such" / "dir.zd", stdin="1 2")
-    assert r.rc == 1 and "cannot write" in r.err, r
+def test_wrong_kinds_of_input(tmp_path):
     ok("build", "-o", tmp_path / "a.zd", stdin="1 2")
     r = run("build", tmp_path / "a.zd", "-o", tmp_path / "b.zd")
     assert r.rc == 2 and "already a digest file" in r.err, r
