@@ -1,5 +1,6 @@
 // Shared helpers of the bulk-construction tests: host arrays of each element
-// type, seeded sample data, error and warning checks, digest comparison.
+// type, seeded sample data and a warning recorder. Digests on seeded streams
+// and their comparison come from the core suite's helpers.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,17 +8,14 @@
 #include <algorithm>
 #include <cstdint>
 #include <limits>
-#include <memory>
 #include <random>
 #include <string>
 #include <type_traits>
 #include <vector>
 
-#include "core/tdigest.h"
-#include "host/errors.h"
+#include "core/core_checks.h"
 #include "quorix/host_array.h"
 #include "quorix/messages.h"
-#include "quorix/random_stream.h"
 
 namespace zotdigest::testing {
 
@@ -71,10 +69,6 @@ std::vector<T> sampleValues(std::size_t n, std::uint64_t seed = 42) {
   return v;
 }
 
-inline std::unique_ptr<quorix::RandomStream> seededStream(std::uint64_t seed) {
-  return quorix::RandomStream::create("mrg32k3a", 1000000, seed);
-}
-
 // Records the identifiers of warnings issued while it lives.
 class WarningRecorder {
  public:
@@ -88,21 +82,5 @@ class WarningRecorder {
   std::vector<std::string> ids_;
   quorix::WarningSink previous_;
 };
-
-inline std::vector<Centroid> centroidsOf(const TDigest& d) {
-  std::vector<Centroid> out;
-  d.tree.listCentroids(out);
-  return out;
-}
-
-inline void expectSameCentroids(const TDigest& a, const TDigest& b) {
-  const auto ca = centroidsOf(a), cb = centroidsOf(b);
-  ASSERT_EQ(ca.size(), cb.size());
-  for (std::size_t i = 0; i < ca.size(); ++i) {
-    EXPECT_EQ(ca[i].mean, cb[i].mean) << "centroid " << i;
-    EXPECT_EQ(ca[i].count, cb[i].count) << "centroid " << i;
-  }
-  EXPECT_EQ(a.totalWeight, b.totalWeight);
-}
 
 }  // namespace zotdigest::testing

@@ -27,7 +27,7 @@ void expectColumnContents(const quorix::HostArray& objects, std::size_t rows, do
     const TDigest& d = quorix::ObjectSystem::scalarInstanceAs<TDigest>(*element, kClassName);
     EXPECT_EQ(d.delta, delta);
     EXPECT_EQ(d.stream, stream);
-    const auto c = centroidsOf(d);
+    const auto c = listOf(d);
     ASSERT_EQ(c.size(), rows);
     for (std::size_t k = 0; k < rows; ++k) {
       EXPECT_EQ(c[k].mean, static_cast<double>(rows * i + k + 1));

@@ -1,7 +1,7 @@
 // addArray over the ten element types: the serial path against adding value
 // by value, the parallel path against the serial one and the exact
-// quantiles, where the parallel path's generator comes from, 64-bit integers
-// beyond 2^53, and the capacity warnings.
+// quantiles, the substream counter, 64-bit integers beyond 2^53, and the
+// capacity warnings.
 #include "build/element_types.h"
 
 #include <gtest/gtest.h>
@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
-#include <limits>
+#include <string>
 #include <vector>
 
 #include "build/substream.h"
@@ -30,27 +30,12 @@ TYPED_TEST_SUITE(AddArray, ElementTypes);
 TYPED_TEST(AddArray, serial_path_adds_value_by_value_then_compresses_from_the_stream) {
   // Two full blocks and a remainder; delta 20 makes add compress on the way.
   const auto values = sampleValues<TypeParam>(25003);
-  auto streamA = seededStream(11), streamB = seededStream(11);
-  TDigest bulk, oneByOne;
-  setDelta(bulk, 20.0);
-  setDelta(oneByOne, 20.0);
-  bulk.stream = streamA.get();
-  oneByOne.stream = streamB.get();
-  addArray<TypeParam>(*makeRow(values), bulk, true);
-  for (const TypeParam v : values) oneByOne.add(static_cast<double>(v));
-  oneByOne.compress();
-  expectSameCentroids(bulk, oneByOne);
-  EXPECT_EQ(streamA->uniform(), streamB->uniform());  // both moved in step
-}
-
-// Distance of q from the range of ranks (as fractions) x takes in the data.
-double rankError(const std::vector<double>& sorted, double x, double q) {
-  const double n = static_cast<double>(sorted.size());
-  const double lo =
-      static_cast<double>(std::lower_bound(sorted.begin(), sorted.end(), x) - sorted.begin()) / n;
-  const double hi =
-      static_cast<double>(std::upper_bound(sorted.begin(), sorted.end(), x) - sorted.begin()) / n;
-  return q < lo ? lo - q : (q > hi ? q - hi : 0.0);
+  SeededDigest bulk(11, 20.0), oneByOne(11, 20.0);
+  addArray<TypeParam>(*makeRow(values), bulk.digest, true);
+  for (const TypeParam v : values) oneByOne.digest.add(static_cast<double>(v));
+  oneByOne.digest.compress();
+  expectIdentical(bulk.digest, oneByOne.digest);
+  EXPECT_EQ(bulk.stream->uniform(), oneByOne.stream->uniform());  // both moved in step
 }
 
 TYPED_TEST(AddArray, parallel_path_keeps_the_weight_and_size_of_the_serial_one_and_its_accuracy) {
@@ -94,38 +79,22 @@ TEST(SubstreamIndex, runs_from_1_to_one_million_then_starts_again_at_1_never_0) 
   }
 }
 
-TEST(CallGenerator, parallel_path_draws_once_from_the_default_stream_and_serial_path_never) {
-  // The parallel path seeds its generator with one draw.
-  quorix::RandomStream& def = quorix::RandomStream::defaultStream();
-  for (const bool serial : {true, false}) {
-    auto own = seededStream(3);
-    TDigest d;
-    d.stream = own.get();
-    def.reset(23);
-    addArray<double>(*makeRow(sampleValues<double>(5000)), d, serial);
-    const double next = def.uniform();
-    def.reset(23);
-    if (!serial) def.uniform();
-    EXPECT_EQ(next, def.uniform()) << (serial ? "serial" : "parallel");
-  }
-}
-
 TEST(ElementConversion, sixty_four_bit_integers_beyond_2_53_round_to_the_nearest_double) {
   // 2^53 + 1 lies halfway between two doubles and rounds to the even one;
   // the unsigned maximum is 2^64, never -1.
   const std::int64_t big = (std::int64_t{1} << 53) + 1;
+  const std::uint64_t top = ~std::uint64_t{0}, half = (std::uint64_t{1} << 63) + 1;
+  const auto means = [](const TDigest& d) {
+    std::vector<double> m;
+    for (const Centroid& c : listOf(d)) m.push_back(c.mean);
+    return m;
+  };
   for (const bool serial : {true, false}) {
     TDigest s, u;
     addArray<std::int64_t>(*makeRow<std::int64_t>({big, -big}), s, serial);
-    const std::uint64_t top = ~std::uint64_t{0}, half = (std::uint64_t{1} << 63) + 1;
     addArray<std::uint64_t>(*makeRow<std::uint64_t>({top, half}), u, serial);
-    const auto cs = centroidsOf(s), cu = centroidsOf(u);
-    ASSERT_EQ(cs.size(), 2u);
-    ASSERT_EQ(cu.size(), 2u);
-    EXPECT_EQ(cs[0].mean, -9007199254740992.0);
-    EXPECT_EQ(cs[1].mean, 9007199254740992.0);
-    EXPECT_EQ(cu[0].mean, 9223372036854775808.0);
-    EXPECT_EQ(cu[1].mean, 18446744073709551616.0);
+    EXPECT_EQ(means(s), (std::vector<double>{-9007199254740992.0, 9007199254740992.0}));
+    EXPECT_EQ(means(u), (std::vector<double>{9223372036854775808.0, 18446744073709551616.0}));
   }
 }
 

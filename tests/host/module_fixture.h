@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -18,6 +17,7 @@
 #include "quorix/module.h"
 #include "quorix/object_system.h"
 #include "quorix/random_stream.h"
+#include "support/raised_identifier.h"
 
 namespace zotdigest::hosttest {
 
@@ -26,6 +26,7 @@ using quorix::Dims;
 using quorix::HostArray;
 using quorix::HostArrayPtr;
 using quorix::ObjectSystem;
+using quorix::test::raisedIdentifier;
 
 inline quorix::Module& loadModule() { return quorix::Module::load("libzotdigest"); }
 
@@ -96,16 +97,6 @@ inline double doubleProperty(const HostArray& object, const char* name) {
 }
 inline std::uint64_t countProperty(const HostArray& object, const char* name) {
   return ObjectSystem::getProperty(object, name)->data<std::uint64_t>()[0];
-}
-
-// The message identifier the call raised, "" when it raised nothing.
-inline std::string errorOf(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const quorix::MsgIDException& e) {
-    return e.identifier();
-  }
-  return "";
 }
 
 // The centroids (means, counts) of a digest object, through the method.

@@ -1,15 +1,13 @@
 // The class registry and objects of the test classes "Counter" and "Plain":
-// registration, lazy member definition, instance lifetime, construction,
-// properties at both access levels, and save and restore.
+// registration, instance lifetime, construction, properties at both access
+// levels, and save and restore.
 #include "quorix/object_system.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <chrono>
-#include <thread>
+#include <string>
 
-#include "support/counter_class.h"
+#include "support/counter_fixture.h"
 #include "support/raised_identifier.h"
 
 namespace quorix {
@@ -21,64 +19,30 @@ using test::kCounterClass;
 using test::kPlainClass;
 using test::raisedIdentifier;
 
-class ObjectSystemTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    test::registerCounterClass();
-    test::registerPlainClass();
-  }
-  static CounterInstance& counterOf(const HostArray& object) {
-    return ObjectSystem::scalarInstanceAs<CounterInstance>(object, kCounterClass);
-  }
-};
+using ObjectSystemTest = test::CounterTest;
 
-// A class that takes its time defining its members, counts how often it is
-// asked to, and notices its own destruction.
-class SlowToDefine final : public ClassInfo {
- public:
-  SlowToDefine(std::string name, bool* destroyed) : name_(std::move(name)), destroyed_(destroyed) {}
-  ~SlowToDefine() override { *destroyed_ = true; }
-  std::string name() const override { return name_; }
-  void defineMembers(ClassDefinition& d) override {
-    ++calls;
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    d.addProperty(
-        std::make_unique<PropertyInfo>("X", TypeRepository::lookup("double scalar"), 0, 0, 0u, "",
-                                       [](void*) { return HostArray::createDoubleScalar(0.0); }));
-  }
+// A class that notices its own destruction.
+struct Refused final : ClassInfo {
+  explicit Refused(bool* destroyed) : destroyed_(destroyed) {}
+  ~Refused() override { *destroyed_ = true; }
+  std::string name() const override { return kCounterClass; }
+  void defineMembers(ClassDefinition&) override {}
   void* createInstance() override { return nullptr; }
   void destroyInstance(void*) noexcept override {}
-  std::atomic<int> calls{0};
-
- private:
-  std::string name_;
   bool* destroyed_;
 };
 
-TEST_F(ObjectSystemTest, registration_refuses_duplicates_and_defines_members_once_on_first_need) {
+TEST_F(ObjectSystemTest, registration_refuses_duplicates_and_members_are_defined_once) {
   bool destroyed = false;
-  EXPECT_EQ(raisedIdentifier(
-                [&] { ObjectSystem::registerClass(new SlowToDefine(kCounterClass, &destroyed)); }),
+  EXPECT_EQ(raisedIdentifier([&] { ObjectSystem::registerClass(new Refused(&destroyed)); }),
             "QUORIX:class:DuplicateClass");
   EXPECT_TRUE(destroyed) << "a refused class is released";
   EXPECT_EQ(ObjectSystem::classDefinition(kCounterClass).properties().size(), 3u);
+  EXPECT_EQ(&ObjectSystem::classDefinition(kCounterClass),
+            &ObjectSystem::classDefinition(kCounterClass));
+  EXPECT_EQ(counterStats().defined.load(), 1);
   EXPECT_EQ(raisedIdentifier([] { ObjectSystem::construct("NoSuchClass", 0, nullptr); }),
             "QUORIX:class:UnknownClass");
-
-  static int run = 0;  // registration is for the life of the process
-  const std::string name = "SlowToDefine" + std::to_string(run++);
-  static bool neverDestroyed = false;
-  auto* const info = new SlowToDefine(name, &neverDestroyed);
-  ObjectSystem::registerClass(info);
-  EXPECT_EQ(info->calls, 0) << "registration alone defines nothing";
-  const ClassDefinition* seen[2] = {};
-  std::thread racers[2];
-  for (int i = 0; i < 2; ++i) {
-    racers[i] = std::thread([&, i] { seen[i] = &ObjectSystem::classDefinition(name); });
-  }
-  for (auto& t : racers) t.join();
-  EXPECT_EQ(info->calls, 1);
-  EXPECT_EQ(seen[0], seen[1]);
 }
 
 TEST_F(ObjectSystemTest, object_arrays_hold_one_instance_per_element_until_the_last_handle_goes) {

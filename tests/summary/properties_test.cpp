@@ -1,6 +1,6 @@
 // Restoring a digest from its three properties (any positive Delta,
 // infinity included), and decoded junk that no digest could have produced
-// run through every later operation.
+// run through the later operations.
 #include "summary/properties.h"
 
 #include <gtest/gtest.h>
@@ -78,72 +78,53 @@ INSTANTIATE_TEST_SUITE_P(Digests, PropertyRestore,
 // Queries may raise their documented errors on a digest they see as empty;
 // anything else is a failure.
 void runQueries(const TDigest& d) {
-  const auto check = [](const std::string& id, const char* allowed) {
-    EXPECT_TRUE(id.empty() || id == allowed) << id;
-  };
-  for (const double x : {-kInf, -1.0, 0.0, 2.5, 1e300, kInf, kNaN}) {
-    check(testing::errorOf([&] { (void)cdf(d, x); }), "stats:tdigest:CdfNoData");
+  for (const double x : {-kInf, 0.0, 2.5, kInf, kNaN}) {
+    const std::string id = testing::raisedIdentifier([&] { (void)cdf(d, x); });
+    EXPECT_TRUE(id.empty() || id == "stats:tdigest:CdfNoData") << id;
   }
-  for (const double q : {0.0, 0.25, 0.5, 1.0, kNaN}) {
+  for (const double q : {0.0, 0.25, 1.0, kNaN}) {
     (void)icdf(d, q);
-    check(testing::errorOf([&] { (void)trimmedMean(d, q * 0.499); }),
-          "stats:tdigest:TrimmedMeanNoData");
+    const std::string id = testing::raisedIdentifier([&] { (void)trimmedMean(d, q * 0.499); });
+    EXPECT_TRUE(id.empty() || id == "stats:tdigest:TrimmedMeanNoData") << id;
   }
 }
 
+// A few of the shapes the summary fuzz target explores at length, kept here
+// so that every test run (sanitizer trees included) passes through them.
 TEST(HostileSummary, every_operation_finishes_on_the_nastiest_shapes) {
   const std::int64_t maxH = std::numeric_limits<std::int32_t>::max();
-  const std::int64_t minH = std::numeric_limits<std::int32_t>::min();
   const std::int64_t huge = std::int64_t{1} << 62;
   std::vector<testing::Column> chain(63, testing::Column{});  // right chain, consistent heights
   for (int i = 0, slot = 0; i < 6; ++i, slot = 2 * slot + 2) {
     chain[slot] = node(i, 2, 5 - i, 12 - 2 * i);
   }
-  // A zero-count root; junk heights; unsorted means; NaN and infinite
-  // means; junk subtree counts; counts that wrap; the chain.
+  // A zero-count root; junk heights; NaN and infinite means; junk subtree
+  // counts; counts that wrap; the chain.
   const std::vector<std::vector<testing::Column>> hostile = {
       {{0, 0, 3, 9}, node(1, 4, 0, 4), node(2, 5, 0, 5)},
-      {node(5, 2, maxH, 2), node(2, 2, maxH, 2), node(8, 2, minH, 2), node(1, 2, -7, 2),
-       node(3, 2, 40, 2), testing::Column{}, node(9, 2, 1, 2)},
-      {node(1, 3, 2, 9), node(9, 3, 1, 3), node(-4, 3, 0, 3), node(7, 1, 0, 1), node(-8, 2, 0, 2),
-       node(0, 1, 0, 1), node(100, 1, 0, 1)},
+      {node(5, 2, maxH, 2), node(2, 2, maxH, 2), node(8, 2, -7, 2), testing::Column{}},
       {node(kNaN, 3, 1, 9), node(kInf, 3, 0, 3), node(-kNaN, 3, 0, 3)},
       {node(2, 1, 1, 0), node(1, 1, 0, -1), node(3, 1, 0, std::int64_t{1} << 40)},
       {node(1, huge, 1, huge), node(0, huge, 0, huge), node(2, -1, 0, -1)},
       chain};
   for (std::size_t h = 0; h < hostile.size(); ++h) {
-    for (const double delta : {0.05, 1.0, 100.0, kInf}) {
-      for (const std::uint64_t total : {0ull, 7ull, ~0ull}) {
-        SCOPED_TRACE(::testing::Message()
-                     << "matrix " << h << " delta " << delta << " total " << total);
-        const auto stream = testing::makeStream(5);
-        TDigest d;
-        d.stream = stream.get();
-        setDelta(d, delta);
-        setSummary(d, *makeMatrix(hostile[h]));
-        setNumDataPoints(d, total);
-        runQueries(d);
-        TDigest again = d;  // a copy, given the re-encoded tree
-        setSummary(again, *getSummary(d));
-        runQueries(again);
-        for (const double x : {0.5, kNaN, kInf, -kInf, 2.0, -0.0, 1e308, 2.0}) d.add(x);
-        d.add(1.0, ~0ull);
-        d.add(2.0, 0);
-        d.compress();
-        d.merge(d);
-        runQueries(d);
-        // A merge rebuilds by insertion, whatever came in: a tree of exactly
-        // size() nodes (the fuzz target checks it is a consistent AVL tree).
-        TDigest fresh;
-        fresh.stream = stream.get();
-        setDelta(fresh, delta);
-        fresh.merge(d);
-        fresh.merge(again);
-        runQueries(fresh);
-        std::vector<Centroid> listed;
-        fresh.tree.listCentroids(listed);
-        EXPECT_EQ(listed.size(), fresh.tree.size());
-      }
+    for (const std::uint64_t total : {0ull, 7ull, ~0ull}) {
+      SCOPED_TRACE(::testing::Message() << "matrix " << h << " total " << total);
+      const auto stream = testing::makeStream(5);
+      TDigest d;
+      d.stream = stream.get();
+      setDelta(d, 1.0);
+      setSummary(d, *makeMatrix(hostile[h]));
+      setNumDataPoints(d, total);
+      runQueries(d);
+      TDigest again = d;  // a copy, given the re-encoded tree
+      setSummary(again, *getSummary(d));
+      runQueries(again);
+      for (const double x : {0.5, kNaN, kInf, -kInf, 2.0, -0.0, 1e308, 2.0}) d.add(x);
+      d.add(1.0, ~0ull);
+      d.compress();
+      d.merge(again);
+      runQueries(d);
     }
   }
 }

@@ -8,17 +8,17 @@
 #include <bit>
 #include <cstdint>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "core/tdigest.h"
 #include "quorix/host_array.h"
-#include "quorix/messages.h"
 #include "quorix/random_stream.h"
+#include "support/raised_identifier.h"
 
 namespace zotdigest::testing {
 
 using Column = std::array<std::int64_t, 4>;
+using quorix::test::raisedIdentifier;
 
 inline std::uint64_t bitsOf(double x) { return std::bit_cast<std::uint64_t>(x); }
 
@@ -38,17 +38,6 @@ inline quorix::HostArrayPtr makeMatrix(const std::vector<Column>& columns, std::
 
 inline std::vector<std::int64_t> elements(const quorix::HostArray& m) {
   return std::vector<std::int64_t>(m.data<std::int64_t>(), m.data<std::int64_t>() + m.numel());
-}
-
-// The identifier the call raises, or "" when it returns.
-template <class F>
-std::string errorOf(F&& f) {
-  try {
-    f();
-  } catch (const quorix::MsgIDException& e) {
-    return e.identifier();
-  }
-  return "";
 }
 
 inline std::unique_ptr<quorix::RandomStream> makeStream(std::uint64_t seed) {

@@ -19,17 +19,6 @@ FunctionMethod::Body recording(std::string overload) {
     counter.lastArg = nIn > 1 ? in[1] : nullptr;
     counter.lastArgClass = nIn > 1 ? in[1]->classID() : ClassID::Unknown;
     counter.lastArgComplex = nIn > 1 && in[1]->isComplex();
-    counter.lastReal.clear();
-    counter.lastImag.clear();
-    if (nIn > 1 && in[1]->isNumeric()) {
-      for (std::size_t i = 0; i < in[1]->numel(); ++i) {
-        counter.lastReal.push_back(in[1]->elementAsDouble(i));
-      }
-      if (in[1]->isComplex() && in[1]->classID() == ClassID::Double) {
-        const auto* imag = static_cast<const double*>(in[1]->imagData());
-        counter.lastImag.assign(imag, imag + in[1]->numel());
-      }
-    }
     ++counter.steps;
   };
 }
@@ -87,7 +76,6 @@ class CounterClass final : public ClassInfo {
           record(nOut, out, nIn, in);
           self(*in[0]).value += self(*in[1]).value;
         });
-    add("collect", makeSignature({"Counter scalar", "double"}, {}, true), recording("collect"));
     add(
         "reset", makeSignature({"Counter scalar"}),
         [](int&, HostArray**, int, const HostArray* const* in) {
@@ -121,7 +109,6 @@ class CounterClass final : public ClassInfo {
     ++counterStats().destroyed;
     delete static_cast<CounterInstance*>(instance);
   }
-  void updateInstance(void* instance) override { as(instance).updated = true; }
   bool savesByProperties() const override { return true; }
   bool allowsObjectArrays() const override { return true; }
 
@@ -133,18 +120,13 @@ class PlainClass final : public ClassInfo {
  public:
   std::string name() const override { return kPlainClass; }
   void defineMembers(ClassDefinition& d) override {
-    ++plainStats().defined;
     d.addProperty(std::make_unique<PropertyInfo>(
         "Tag", TypeRepository::lookup("char"), kPublicAccess, kPublicAccess, 0u, "A label",
         [](void* p) { return HostArray::createChar(*static_cast<std::string*>(p)); },
         [](void* p, const HostArray& v) { *static_cast<std::string*>(p) = v.text(); }));
   }
-  void* createInstance() override {
-    ++plainStats().created;
-    return new std::string;
-  }
+  void* createInstance() override { return new std::string; }
   void destroyInstance(void* instance) noexcept override {
-    ++plainStats().destroyed;
     delete static_cast<std::string*>(instance);
   }
 };
@@ -171,11 +153,6 @@ Signature makeSignature(std::initializer_list<const char*> inputs,
 }
 
 ClassStats& counterStats() {
-  static ClassStats stats;
-  return stats;
-}
-
-ClassStats& plainStats() {
   static ClassStats stats;
   return stats;
 }

@@ -11,7 +11,6 @@
 //             each records which overload ran and what it received.
 //   "absorb"  overloads ("double"), ("Counter"): add a number / another
 //             counter's Value; both record as "take" does.
-//   "collect" ("double", open-ended): records its input count.
 //   "reset"   access 2, no further inputs: Value = 0.
 //   "answer"  output "double matrix": Value; raises a request of 0 outputs to 1.
 //   "pair"    outputs "double scalar", "uint64 scalar": Value and Steps, as
@@ -25,7 +24,6 @@
 #include <atomic>
 #include <functional>
 #include <string>
-#include <vector>
 
 #include "quorix/object_system.h"
 
@@ -38,14 +36,11 @@ struct CounterInstance {
   double value = 0.0;
   double secret = 0.0;
   std::uint64_t steps = 0;
-  bool updated = false;                // updateInstance ran
   bool constructed = false;            // the constructor found this object in out[0]
   std::string lastOverload;            // the overload of the last method call
   const HostArray* lastArg = nullptr;  // its second input, as received
   ClassID lastArgClass = ClassID::Unknown;
   bool lastArgComplex = false;
-  std::vector<double> lastReal;  // a numeric second input's real parts
-  std::vector<double> lastImag;  // and imaginary parts when it is complex double
   int lastNIn = 0;
 };
 
@@ -56,7 +51,6 @@ struct ClassStats {
 };
 
 ClassStats& counterStats();
-ClassStats& plainStats();
 
 // Register the classes once per process; later calls do nothing.
 void registerCounterClass();

@@ -8,7 +8,7 @@
 
 namespace quorix::test {
 
-// The identifier of the MsgIDException `call` raises, or "(nothing raised)".
+// The identifier of the MsgIDException `call` raises, or "" when it returns.
 // Any other exception propagates, failing the test that made the call.
 template <class Call>
 std::string raisedIdentifier(Call&& call) {
@@ -17,7 +17,7 @@ std::string raisedIdentifier(Call&& call) {
   } catch (const MsgIDException& e) {
     return e.identifier();
   }
-  return "(nothing raised)";
+  return "";
 }
 
 }  // namespace quorix::test
