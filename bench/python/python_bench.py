@@ -2,10 +2,11 @@
 
 1. A scalar icdf call from Python against a plain pybind11 call of a no-op
    function (_core._noop), measured in one run, interleaved; target: within
-   3x. The same query made from C++ through the runtime
-   (_core._native_calls: the dispatch every Python call goes through, with
-   no Python around it) splits the cost into what the runtime and module
-   spend and what the front end adds.
+   3x for icdf(0.0), which is almost all call; icdf(0.5) also walks half of
+   the centroids and is shown for scale. The same query made from C++
+   through the runtime (_core._native_calls: the dispatch every Python call
+   goes through, with no Python around it) splits the cost into what the
+   runtime and module spend and what the front end adds.
 2. TDigest(x) on 10^7 float64 values (uniform on [0, 1), contiguous: the
    module reads NumPy's buffer in place) against the C++ benchmark of the
    same work, BM_AddArray_Parallel/uniform_1e7 of zotdigest_bench, run as a
@@ -58,9 +59,14 @@ def scalar_calls():
 
     print(f"scalar calls (digest of 10^5 values, {d.NumCentroids} centroids; best of {ROUNDS})")
     print(f"  _noop()                  : {noop:8.1f} ns")
-    for label, python, native in (("icdf(0.0)", low, native_low), ("icdf(0.5)", mid, native_mid)):
+    # The target is the cost of the call: icdf(0.0) stops at the first
+    # centroid, so it is nearly all call. icdf(0.5) adds the walk over half
+    # the centroids, which is the query's own work and the same from C++.
+    for label, python, native, held in (("icdf(0.0)", low, native_low, True),
+                                        ("icdf(0.5)", mid, native_mid, False)):
+        verdict = ("met" if python / noop <= CALL_TARGET else "missed") if held else "not held"
         print(f"  d.{label:<23}: {python:8.1f} ns  = {python / noop:5.2f} x _noop"
-              f"  (target {CALL_TARGET:.0f}x: {'met' if python / noop <= CALL_TARGET else 'missed'})")
+              f"  (target {CALL_TARGET:.0f}x: {verdict})")
         print(f"    same query from C++    : {native:8.1f} ns  = {native / noop:5.2f} x _noop"
               f"  (runtime dispatch and module)")
         print(f"    front end adds         : {python - native:8.1f} ns  = "
