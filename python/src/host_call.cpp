@@ -103,13 +103,11 @@ void InterruptWatch::handOnInterrupt() const noexcept {
   }
 }
 
-LockedHoldingGil::LockedHoldingGil(ObjectLocks& locks) : locks_(locks) {
-  if (!locks_.tryLock()) {
-    // Another thread's call on one of these objects may run for seconds:
-    // wait without stalling every other Python thread.
-    py::gil_scoped_release release;
-    locks_.lock();
-  }
+void LockedHoldingGil::waitWithoutGil() {
+  // Another thread's call on one of these objects may run for seconds: wait
+  // without stalling every other Python thread.
+  py::gil_scoped_release release;
+  locks_.lock();
 }
 
 }  // namespace zotdigest::python

@@ -85,15 +85,25 @@ class LockedObjects {
 };
 
 // Takes the locks from a thread holding the GIL, dropping the GIL only if it
-// has to wait. Releases them when destroyed.
+// has to wait; beforeWaiting() runs first in that case, for a caller that
+// relies on the GIL to keep its inputs alive. Releases them when destroyed.
 class LockedHoldingGil {
  public:
-  explicit LockedHoldingGil(ObjectLocks& locks);
+  explicit LockedHoldingGil(ObjectLocks& locks) : LockedHoldingGil(locks, [] {}) {}
+  template <class BeforeWaiting>
+  LockedHoldingGil(ObjectLocks& locks, BeforeWaiting&& beforeWaiting) : locks_(locks) {
+    if (!locks_.tryLock()) {
+      beforeWaiting();
+      waitWithoutGil();
+    }
+  }
   ~LockedHoldingGil() { locks_.unlock(); }
   LockedHoldingGil(const LockedHoldingGil&) = delete;
   LockedHoldingGil& operator=(const LockedHoldingGil&) = delete;
 
  private:
+  void waitWithoutGil();
+
   ObjectLocks& locks_;
 };
 
@@ -121,13 +131,14 @@ auto callReleased(ObjectLocks locks, Work&& work) -> decltype(work()) {
   }
 }
 
-// Runs a short work() with the GIL held, then emits pending warnings.
-template <class Work>
-auto callHeld(ObjectLocks locks, Work&& work) -> decltype(work()) {
+// Runs a short work() with the GIL held, then emits pending warnings. If the
+// locks are taken, beforeWaiting() runs before the GIL is let go to wait.
+template <class Work, class BeforeWaiting>
+auto callHeld(ObjectLocks locks, Work&& work, BeforeWaiting&& beforeWaiting) -> decltype(work()) {
   static_assert(!std::is_void_v<decltype(work())>, "work must return a value");
   try {
     auto result = [&] {
-      const LockedHoldingGil locked(locks);
+      const LockedHoldingGil locked(locks, beforeWaiting);
       return work();
     }();
     emitPendingWarnings();
@@ -136,6 +147,11 @@ auto callHeld(ObjectLocks locks, Work&& work) -> decltype(work()) {
     emitPendingWarnings();
     throw;
   }
+}
+
+template <class Work>
+auto callHeld(ObjectLocks locks, Work&& work) -> decltype(work()) {
+  return callHeld(locks, std::forward<Work>(work), [] {});
 }
 
 // callHeld when the inputs from position `first` on make a short call,

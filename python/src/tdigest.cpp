@@ -126,18 +126,20 @@ py::object answersOf(HostOutputs& out, int used, bool withArguments, const Argum
 // d.f(x) with a Python float x, the usual scalar query: the same call as
 // invoke makes, without building a general argument list.
 py::object invokeOnFloat(const MethodTarget& target, const HostObject& self, double x) {
-  // Held for the call: while this call waits for the object's lock without
-  // the GIL, another thread may give the wrapper a different digest.
-  const std::shared_ptr<const quorix::HostArray> object = self.array;
+  // A float argument makes a short call, made holding the GIL: while it is
+  // held, no other thread can give the wrapper a different digest, so the
+  // digest needs a reference of its own only if the call has to wait for
+  // its lock without the GIL.
+  std::shared_ptr<const quorix::HostArray> kept;
   const PooledScalar argument(x);
-  const quorix::HostArray* const in[] = {object.get(), argument.get()};
+  const quorix::HostArray* const in[] = {self.array.get(), argument.get()};
   ObjectLocks locks;
-  locks.add(*object);
+  locks.add(*in[0]);
   HostOutputs out(target.outputs);
   const int requested = static_cast<int>(target.outputs);
-  // A float argument makes a short call: the GIL stays held.
-  const int used =
-      callHeld(locks, [&] { return target.method.call(requested, out.data(), 2, in); });
+  const int used = callHeld(
+      locks, [&] { return target.method.call(requested, out.data(), 2, in); },
+      [&] { kept = self.array; });
   return answersOf(out, used, true, ArgumentShape{ArgumentShape::Kind::PythonNumber, 0, 1});
 }
 

@@ -56,6 +56,18 @@ std::int64_t heightOf(const CentroidNode* node) noexcept {
   return node != nullptr ? static_cast<std::int64_t>(node->height) : -1;
 }
 
+CentroidNode* descendFirst(CentroidNode* node) noexcept {
+  if (node == nullptr) return nullptr;
+  while (node->left != nullptr) node = node->left;
+  return node;
+}
+
+CentroidNode* descendLast(CentroidNode* node) noexcept {
+  if (node == nullptr) return nullptr;
+  while (node->right != nullptr) node = node->right;
+  return node;
+}
+
 std::uint64_t subtreeCountOf(const CentroidNode* node) noexcept {
   return node != nullptr ? node->subtreeCount : 0;
 }
@@ -275,6 +287,8 @@ CentroidTree::CentroidTree(const CentroidTree& other)
     }
   }
   root_ = root;
+  first_ = descendFirst(root_);
+  last_ = descendLast(root_);
 }
 
 CentroidTree& CentroidTree::operator=(const CentroidTree& other) {
@@ -287,6 +301,8 @@ CentroidTree& CentroidTree::operator=(const CentroidTree& other) {
 
 CentroidTree::CentroidTree(CentroidTree&& other) noexcept
     : root_(std::exchange(other.root_, nullptr)),
+      first_(std::exchange(other.first_, nullptr)),
+      last_(std::exchange(other.last_, nullptr)),
       size_(std::exchange(other.size_, 0)),
       pool_(std::move(other.pool_)),
       adopted_(std::exchange(other.adopted_, false)) {}
@@ -295,6 +311,8 @@ CentroidTree& CentroidTree::operator=(CentroidTree&& other) noexcept {
   if (this != &other) {
     clear();
     root_ = std::exchange(other.root_, nullptr);
+    first_ = std::exchange(other.first_, nullptr);
+    last_ = std::exchange(other.last_, nullptr);
     size_ = std::exchange(other.size_, 0);
     pool_ = std::move(other.pool_);  // frees this tree's slabs
     adopted_ = std::exchange(other.adopted_, false);
@@ -303,17 +321,16 @@ CentroidTree& CentroidTree::operator=(CentroidTree&& other) noexcept {
 }
 
 CentroidNode* CentroidTree::first() const noexcept {
-  CentroidNode* node = root_;
-  if (node == nullptr) return nullptr;
-  while (node->left != nullptr) node = node->left;
-  return node;
+  return adopted_ ? descendFirst(root_) : first_;
 }
 
 CentroidNode* CentroidTree::last() const noexcept {
-  CentroidNode* node = root_;
-  if (node == nullptr) return nullptr;
-  while (node->right != nullptr) node = node->right;
-  return node;
+  return adopted_ ? descendLast(root_) : last_;
+}
+
+void CentroidTree::noteEnds(CentroidNode* node) noexcept {
+  if (first_ == nullptr || (node->parent == first_ && first_->left == node)) first_ = node;
+  if (last_ == nullptr || (node->parent == last_ && last_->right == node)) last_ = node;
 }
 
 CentroidNode* CentroidTree::next(const CentroidNode* node) noexcept {
@@ -464,6 +481,7 @@ CentroidNode* CentroidTree::insertAt(const Location& at, double mean, std::uint6
     (at.slotLeft ? parent->left : parent->right) = node;
     node->parent = parent;
   }
+  noteEnds(node);
   settleInsert(node, &at);
   ++size_;
   return node;
@@ -527,6 +545,7 @@ CentroidNode* CentroidTree::insert(double mean, std::uint64_t count) {
       at = link;
     }
   }
+  noteEnds(node);
   settleInsert(node, nullptr);
   ++size_;
   return node;
@@ -630,6 +649,8 @@ void CentroidTree::rebalanceFrom(CentroidNode* node) {
 void CentroidTree::clear() noexcept {
   CentroidNode* node = root_;
   root_ = nullptr;
+  first_ = nullptr;
+  last_ = nullptr;
   size_ = 0;
   const bool adopted = std::exchange(adopted_, false);
   pool_.reset();

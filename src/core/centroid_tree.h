@@ -189,7 +189,15 @@ class CentroidTree {
   void restoreOrder(CentroidNode* node, double m, double grownMean, CentroidNode* runFirst,
                     CentroidNode* runLast);
 
+  // A new node becomes the first (last) only as the left (right) child of
+  // the present one, and rotations keep the order, so a tree of its own
+  // keeps its ends up to date on insertion instead of descending to them on
+  // every query. An adopted tree descends.
+  void noteEnds(CentroidNode* node) noexcept;
+
   CentroidNode* root_ = nullptr;
+  CentroidNode* first_ = nullptr;
+  CentroidNode* last_ = nullptr;
   std::uint64_t size_ = 0;
   NodePool pool_;
   bool adopted_ = false;
