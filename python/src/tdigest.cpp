@@ -72,9 +72,7 @@ std::string methodDoc(const MethodGroup& group) {
   return doc;
 }
 
-const ClassDefinition& wrappedDefinition() {
-  return ObjectSystem::classDefinition(kWrappedClass);
-}
+const ClassDefinition& wrappedDefinition() { return ObjectSystem::classDefinition(kWrappedClass); }
 
 ObjectLocks objectLocks(const HostObject& self) {
   ObjectLocks locks;
@@ -311,16 +309,15 @@ void register_tdigest(py::module_& m) {
     const bool scalar = p->type()->shape() == quorix::Type::Shape::Scalar;
     const py::cpp_function getter(
         [name, scalar](py::handle self) { return getProperty(self, name, scalar); });
-    const py::cpp_function setter([name](py::handle self, const py::handle& value) {
-      setProperty(self, name, value);
-    });
+    const py::cpp_function setter(
+        [name](py::handle self, const py::handle& value) { setProperty(self, name, value); });
     cls.attr(name.c_str()) = property(getter, setter, py::none(), p->description());
   }
 
   for (const MethodGroup& group : methodGroups(definition)) {
-    cls.attr(group.name.c_str()) =
-        makeMethod(cls, MethodTarget{quorix::MethodHandle(kWrappedClass, group.name), group.outputs, &invoke},
-                   methodDoc(group));
+    cls.attr(group.name.c_str()) = makeMethod(
+        cls, MethodTarget{quorix::MethodHandle(kWrappedClass, group.name), group.outputs, &invoke},
+        methodDoc(group));
   }
 
   // Pickling, copy.copy and copy.deepcopy: the state is what the runtime
@@ -347,9 +344,7 @@ void register_tdigest(py::module_& m) {
 
   m.def(
       "class_definition",
-      [](const std::string& name) {
-        return describeClass(ObjectSystem::classDefinition(name));
-      },
+      [](const std::string& name) { return describeClass(ObjectSystem::classDefinition(name)); },
       py::arg("name"),
       "The members a class registered with the runtime, in registration order: its\n"
       "properties (name, type, access codes, attribute word, description, setter)\n"

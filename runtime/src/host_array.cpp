@@ -14,7 +14,6 @@
 #include "quorix/host_array.h"
 
 #include <algorithm>
-#include <array>
 #include <bit>
 #include <cmath>
 #include <cstring>
@@ -142,8 +141,6 @@ ClassID classFromName(std::string_view name) noexcept {
 }
 
 double hostNaN() noexcept { return std::bit_cast<double>(std::uint64_t{0x7FF8000000000000ull}); }
-
-
 
 Dims normalizeDims(Dims dims) {
   // Missing sizes are ones, so the element count is kept: {} is 1x1, {n}
@@ -437,7 +434,6 @@ std::unique_ptr<HostArray> HostArray::toDouble() const {
 }
 
 // --- shape ---------------------------------------------------------------------
-
 
 bool HostArray::setDims(Dims dims) {
   Dims normalized = normalizeDims(std::move(dims));

@@ -77,7 +77,8 @@ int dispatch(const std::vector<MethodInfo*>& overloads, std::string_view name, i
   const std::vector<const Type*>& types = method->signature().inputs();
   const std::size_t listed = std::min(static_cast<std::size_t>(nIn), types.size());
   std::size_t firstConverted = 0;
-  while (firstConverted < listed && !convertsArgument(*types[firstConverted], *in[firstConverted])) {
+  while (firstConverted < listed &&
+         !convertsArgument(*types[firstConverted], *in[firstConverted])) {
     ++firstConverted;
   }
   std::vector<HostArrayPtr> converted;

@@ -324,9 +324,7 @@ CentroidNode* CentroidTree::first() const noexcept {
   return adopted_ ? descendFirst(root_) : first_;
 }
 
-CentroidNode* CentroidTree::last() const noexcept {
-  return adopted_ ? descendLast(root_) : last_;
-}
+CentroidNode* CentroidTree::last() const noexcept { return adopted_ ? descendLast(root_) : last_; }
 
 void CentroidTree::noteEnds(CentroidNode* node) noexcept {
   if (first_ == nullptr || (node->parent == first_ && first_->left == node)) first_ = node;
