@@ -78,6 +78,9 @@ inline void expectValidTree(const CentroidTree& tree) {
   for (std::size_t i = 1; i < inOrder.size(); ++i) {
     EXPECT_LE(inOrder[i - 1]->mean, inOrder[i]->mean);
   }
+  // The ends the tree keeps as it grows are the ends of the order.
+  EXPECT_EQ(tree.first(), inOrder.empty() ? nullptr : inOrder.front());
+  EXPECT_EQ(tree.last(), inOrder.empty() ? nullptr : inOrder.back());
 }
 
 // Same total and the same centroids, bit for bit.
