@@ -59,9 +59,9 @@
 #include <thread>
 #include <vector>
 
-#include "build/column_build.h"
-#include "build/element_types.h"
-#include "build/substream.h"
+#include "construction/column_build.h"
+#include "construction/element_types.h"
+#include "construction/substream.h"
 #include "core/tdigest.h"
 #include "host/errors.h"
 #include "host/tdigest_class.h"

@@ -3,7 +3,7 @@
 // module is hidden; this file only wires.
 #include <cstdint>
 
-#include "build/arguments.h"
+#include "construction/arguments.h"
 #include "host/merge_routines.h"
 #include "host/tdigest_class.h"
 #include "quorix/host_array.h"

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "build/arguments.h"
+#include "construction/arguments.h"
 #include "host/tdigest_class.h"
 
 namespace zotdigest {

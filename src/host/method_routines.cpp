@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "build/element_types.h"
+#include "construction/element_types.h"
 #include "core/elementwise.h"
 #include "core/queries.h"
 #include "core/trimmed_mean.h"

@@ -1,7 +1,7 @@
 // The module's surface: its six exported symbols, and the three routines of
 // its function table (array merge, column build, column merge) called
 // through the runtime as a host calls them. What lands in each column is
-// build_test's concern; here the routing, the shapes and the errors.
+// construction_test's concern; here the routing, the shapes and the errors.
 #include <cstdio>
 #include <set>
 

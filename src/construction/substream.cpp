@@ -1,4 +1,4 @@
-#include "build/substream.h"
+#include "construction/substream.h"
 
 namespace zotdigest {
 

@@ -1,6 +1,6 @@
 // buildColumnDigests: one digest per column, the shapes of the result, and
 // its use of the seed stream.
-#include "build/column_build.h"
+#include "construction/column_build.h"
 
 #include <gtest/gtest.h>
 

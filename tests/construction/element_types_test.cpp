@@ -2,7 +2,7 @@
 // by value, the parallel path against the serial one and the exact
 // quantiles, the substream counter, 64-bit integers beyond 2^53, and the
 // capacity warnings.
-#include "build/element_types.h"
+#include "construction/element_types.h"
 
 #include <gtest/gtest.h>
 
@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "build/substream.h"
+#include "construction/substream.h"
 #include "build_test_support.h"
 #include "core/accuracy.h"
 #include "core/queries.h"

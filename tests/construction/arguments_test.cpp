@@ -1,6 +1,6 @@
 // The argument forms of the constructor and of the column build, and the
 // errors of both by identifier.
-#include "build/arguments.h"
+#include "construction/arguments.h"
 
 #include <gtest/gtest.h>
 

@@ -9,7 +9,7 @@
 #include <typeinfo>
 #include <vector>
 
-#include "build/element_types.h"
+#include "construction/element_types.h"
 #include "build_test_support.h"
 
 namespace zotdigest {

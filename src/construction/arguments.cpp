@@ -1,7 +1,7 @@
-#include "build/arguments.h"
+#include "construction/arguments.h"
 
-#include "build/column_build.h"
-#include "build/element_types.h"
+#include "construction/column_build.h"
+#include "construction/element_types.h"
 #include "host/errors.h"
 #include "quorix/random_stream.h"
 #include "summary/properties.h"

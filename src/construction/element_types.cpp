@@ -14,7 +14,7 @@
 // cancels the task group and TBB rethrows it on the calling thread. The
 // target digest is touched only after the reduction, so an interrupted or
 // failed parallel build leaves it as it was.
-#include "build/element_types.h"
+#include "construction/element_types.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -24,7 +24,7 @@
 #include <tbb/partitioner.h>
 #include <tbb/task_group.h>
 
-#include "build/substream.h"
+#include "construction/substream.h"
 #include "host/errors.h"
 #include "quorix/interrupt.h"
 #include "quorix/random_stream.h"

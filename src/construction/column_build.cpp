@@ -4,7 +4,7 @@
 // column order on the calling thread, into the objects handed back, whose
 // digests keep the seed stream rather than the per-call generator. The loop
 // body neither compresses nor polls for interrupts.
-#include "build/column_build.h"
+#include "construction/column_build.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -15,8 +15,8 @@
 #include <tbb/partitioner.h>
 #include <tbb/task_group.h>
 
-#include "build/element_types.h"
-#include "build/substream.h"
+#include "construction/element_types.h"
+#include "construction/substream.h"
 #include "core/tdigest.h"
 #include "host/tdigest_class.h"
 #include "quorix/object_system.h"
