@@ -8,8 +8,7 @@
 // OutputError and exits 1, the status of a failed computation.
 #pragma once
 
-#include <stdexcept>
-#include <string>
+#include "engine/errors.h"
 
 namespace zotdigest::cli {
 
@@ -19,15 +18,10 @@ inline constexpr int kExitUsage = 2;
 inline constexpr int kExitInterrupted = 130;
 
 // Bad user input: options, number files, digest files. Exit status 2.
-class InputError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
+// The engine's digest files raise the same type.
+using InputError = engine::InputError;
 
 // The output could not be written. Exit status 1.
-class OutputError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
+using OutputError = engine::OutputError;
 
 }  // namespace zotdigest::cli

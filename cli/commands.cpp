@@ -6,19 +6,27 @@
 #include <iostream>
 #include <memory>
 
-#include "cli/atomic_file.h"
 #include "cli/byte_source.h"
 #include "cli/cli_errors.h"
-#include "cli/digest_file.h"
 #include "cli/digest_ops.h"
 #include "cli/number_readers.h"
 #include "cli/output.h"
 #include "cli/progress.h"
+#include "engine/atomic_file.h"
+#include "engine/digest_file.h"
 #include "quorix/messages.h"
 
 namespace zotdigest::cli {
 namespace {
 
+using engine::decodeDigestFile;
+using engine::DigestFileError;
+using engine::encodeDigestFile;
+using engine::FileHeader;
+using engine::hasDigestMagic;
+using engine::kHeaderSize;
+using engine::kMaxFileSize;
+using engine::writeFileAtomically;
 using quorix::HostArray;
 
 // The quantiles every summary shows.

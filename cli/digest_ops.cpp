@@ -5,7 +5,7 @@
 #include <memory>
 
 #include "cli/cli_errors.h"
-#include "cli/saved_digest_check.h"
+#include "engine/saved_digest_check.h"
 #include "quorix/interrupt.h"
 #include "quorix/messages.h"
 #include "quorix/object_system.h"
@@ -56,7 +56,7 @@ HostArrayPtr newDigest(double delta, const HostArray* stream) {
   const HostArrayPtr data = emptyDouble();
   const HostArrayPtr d = HostArray::createDoubleScalar(delta);
   const std::array<const HostArray*, 3> in = {data.get(), d.get(), stream};
-  return ObjectSystem::construct(kDigestClass, stream ? 3 : 2, in.data());
+  return ObjectSystem::construct(engine::kDigestClass, stream ? 3 : 2, in.data());
 }
 
 // Calls "add" with one chunk: parallel without a stream, serial with one.
@@ -90,7 +90,7 @@ std::vector<double> elementwise(const char* method, const HostArray& digest,
 
 HostArrayPtr objectArray(const std::vector<const HostArray*>& digests, std::size_t rows) {
   HostArrayPtr array =
-      HostArray::createObjectArray(kDigestClass, quorix::Dims{rows, digests.size() / rows});
+      HostArray::createObjectArray(engine::kDigestClass, quorix::Dims{rows, digests.size() / rows});
   for (std::size_t i = 0; i < digests.size(); ++i) {
     array->setObject(i, digests[i]->object(0));
   }

@@ -13,13 +13,17 @@
 #include <string>
 #include <vector>
 
-#include "cli/digest_file.h"
 #include "cli/number_readers.h"
 #include "cli/progress.h"
+#include "engine/digest_file.h"
 #include "quorix/host_array.h"
 #include "quorix/module.h"
 
 namespace zotdigest::cli {
+
+// Digests as the engine's file format stores them.
+using engine::DigestFile;
+using engine::StoredDigest;
 
 // libzotdigest, loaded (once per process) through the runtime's module
 // path. Raises "QUORIX:module:NotFound" naming the directories searched.

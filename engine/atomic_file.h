@@ -7,7 +7,7 @@
 #include <span>
 #include <string>
 
-namespace zotdigest::cli {
+namespace zotdigest::engine {
 
 // Writes `bytes` to `path` atomically. A new file gets the usual mode
 // (0666 less the umask); a replaced file keeps its mode. Throws OutputError
@@ -16,4 +16,4 @@ namespace zotdigest::cli {
 // the temporary file is removed and `path` is left as it was.
 void writeFileAtomically(const std::string& path, std::span<const std::byte> bytes);
 
-}  // namespace zotdigest::cli
+}  // namespace zotdigest::engine

@@ -14,7 +14,7 @@
 
 #include "quorix/object_system.h"
 
-namespace zotdigest::cli {
+namespace zotdigest::engine {
 
 inline constexpr const char* kDigestClass = "TDigest";
 
@@ -35,4 +35,4 @@ inline constexpr const char* kDigestClass = "TDigest";
 // from the tree's weight on purpose.
 std::string checkSavedDigest(const quorix::SavedObject& saved);
 
-}  // namespace zotdigest::cli
+}  // namespace zotdigest::engine

@@ -1,4 +1,4 @@
-#include "cli/atomic_file.h"
+#include "engine/atomic_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,10 +9,10 @@
 #include <filesystem>
 #include <vector>
 
-#include "cli/cli_errors.h"
+#include "engine/errors.h"
 #include "quorix/interrupt.h"
 
-namespace zotdigest::cli {
+namespace zotdigest::engine {
 namespace {
 
 [[noreturn]] void failWith(const std::string& what, const std::string& path, int err) {
@@ -117,4 +117,4 @@ void writeFileAtomically(const std::string& path, std::span<const std::byte> byt
   }
 }
 
-}  // namespace zotdigest::cli
+}  // namespace zotdigest::engine

@@ -3,7 +3,7 @@
 // damage to one field at a time refused for one specific reason, and each
 // rule of a valid stored tree broken on its own. The CLI's tests read the
 // golden files of format version 1.
-#include "cli/digest_file.h"
+#include "engine/digest_file.h"
 
 #include <gtest/gtest.h>
 
@@ -14,10 +14,10 @@
 #include <utility>
 #include <vector>
 
-#include "cli/saved_digest_check.h"
+#include "engine/saved_digest_check.h"
 #include "quorix/object_system.h"
 
-namespace zotdigest::cli {
+namespace zotdigest::engine {
 namespace {
 
 using quorix::ClassID;
@@ -344,4 +344,4 @@ TEST(SavedDigestCheck, each_broken_property_rule_gives_its_own_reason) {
 }
 
 }  // namespace
-}  // namespace zotdigest::cli
+}  // namespace zotdigest::engine

@@ -14,15 +14,15 @@
 #include <cstring>
 #include <span>
 
-#include "cli/digest_file.h"
+#include "engine/digest_file.h"
 
 namespace {
 
-void checkRoundTrip(const zotdigest::cli::DigestFile& file) {
-  using zotdigest::cli::decodeDigestFile;
-  using zotdigest::cli::encodeDigestFile;
+void checkRoundTrip(const zotdigest::engine::DigestFile& file) {
+  using zotdigest::engine::decodeDigestFile;
+  using zotdigest::engine::encodeDigestFile;
   const std::vector<std::byte> again = encodeDigestFile(file.digests);
-  const zotdigest::cli::DigestFile back = decodeDigestFile(again);
+  const zotdigest::engine::DigestFile back = decodeDigestFile(again);
   if (back.digests.size() != file.digests.size()) {
     std::abort();
   }
@@ -48,12 +48,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::span<const std::byte> bytes(reinterpret_cast<const std::byte*>(data), size);
   try {
     if (size >= 2 && data[0] == 'P') {
-      const std::vector<std::byte> file = zotdigest::cli::packDigestFile(bytes.subspan(2), data[1]);
-      checkRoundTrip(zotdigest::cli::decodeDigestFile(file));
+      const std::vector<std::byte> file =
+          zotdigest::engine::packDigestFile(bytes.subspan(2), data[1]);
+      checkRoundTrip(zotdigest::engine::decodeDigestFile(file));
       return 0;
     }
-    checkRoundTrip(zotdigest::cli::decodeDigestFile(bytes));
-  } catch (const zotdigest::cli::DigestFileError&) {
+    checkRoundTrip(zotdigest::engine::decodeDigestFile(bytes));
+  } catch (const zotdigest::engine::DigestFileError&) {
     // Refusing is the expected answer to almost every input.
   }
   return 0;

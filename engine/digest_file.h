@@ -41,10 +41,10 @@
 #include <string>
 #include <vector>
 
-#include "cli/cli_errors.h"
+#include "engine/errors.h"
 #include "quorix/object_system.h"
 
-namespace zotdigest::cli {
+namespace zotdigest::engine {
 
 inline constexpr std::uint16_t kFormatVersion = 1;
 inline constexpr std::size_t kHeaderSize = 44;
@@ -141,4 +141,4 @@ DigestFile decodeDigestFile(std::span<const std::byte> bytes);
 // CRC-32 (the zlib polynomial) of a byte span.
 std::uint32_t crc32Of(std::span<const std::byte> bytes) noexcept;
 
-}  // namespace zotdigest::cli
+}  // namespace zotdigest::engine

@@ -5,7 +5,7 @@
 // checksum, header fields, payload size, payload checksum, inflation,
 // records, and last the TDigest state of each record. Every read goes
 // through Cursor, which checks the remaining length first.
-#include "cli/digest_file.h"
+#include "engine/digest_file.h"
 
 #include <zlib.h>
 
@@ -15,9 +15,9 @@
 #include <cstring>
 #include <limits>
 
-#include "cli/saved_digest_check.h"
+#include "engine/saved_digest_check.h"
 
-namespace zotdigest::cli {
+namespace zotdigest::engine {
 namespace {
 
 constexpr std::array<std::uint8_t, 8> kMagic = {0x89, 0x5A, 0x44, 0x47, 0x0D, 0x0A, 0x1A, 0x0A};
@@ -424,4 +424,4 @@ DigestFile decodeDigestFile(std::span<const std::byte> bytes) {
   return file;
 }
 
-}  // namespace zotdigest::cli
+}  // namespace zotdigest::engine

@@ -5,7 +5,7 @@
 // sees every child before its parent and can check each node against its
 // children's stored values, which are already known to be right; no
 // recursion and no memory beyond one small stack for the in-order walk.
-#include "cli/saved_digest_check.h"
+#include "engine/saved_digest_check.h"
 
 #include <algorithm>
 #include <bit>
@@ -15,7 +15,7 @@
 #include <string_view>
 #include <vector>
 
-namespace zotdigest::cli {
+namespace zotdigest::engine {
 namespace {
 
 constexpr std::string_view kSummary = "AVLTreeSummary";
@@ -195,4 +195,4 @@ std::string checkSavedDigest(const quorix::SavedObject& saved) {
   return checkTree(*summary, *numCentroids->data<std::uint64_t>());
 }
 
-}  // namespace zotdigest::cli
+}  // namespace zotdigest::engine
