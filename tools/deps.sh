@@ -9,6 +9,11 @@ packages=(
   libtbb-dev zlib1g-dev libcli11-dev
   python3-dev pybind11-dev python3-numpy python3-pytest
   python3-dask python3-distributed
+  python3-pandas  # dask.dataframe; python3-dask only recommends it
+  # Optional imports of dask, distributed and pandas: present on a developer's
+  # machine, so present everywhere, or the suites take other paths there.
+  python3-lz4 python3-scipy python3-matplotlib
+  debian-archive-keyring  # tools/tsan_tbb.sh checks the source indexes
   xz-utils  # tools/tsan_tbb.sh unpacks the oneTBB source tarball
 )
 
