@@ -85,7 +85,12 @@ void restoreInto(std::vector<Digest>& digests, const DigestFile& file, const std
   }
 }
 
-bool isDigestFile(ByteSource& source) { return hasDigestMagic(source.peek(kHeaderSize)); }
+// Digest files are known by their magic number, and by their name: a file
+// named *.zd without the magic (an empty one too) is a damaged digest file,
+// never a list of numbers.
+bool isDigestFile(ByteSource& source) {
+  return hasDigestMagic(source.peek(kHeaderSize)) || source.name().ends_with(".zd");
+}
 
 // --- building ------------------------------------------------------------------
 
@@ -371,6 +376,7 @@ void runBuild(const InputOptions& in, const std::string& outPath) {
   if (parseInputFormat(in.format) == InputFormat::Auto) {
     for (auto& source : sources) {
       if (isDigestFile(*source)) {
+        readDigestFile(*source);  // a damaged one is reported as damaged
         throw InputError(source->name() +
                          " is already a digest file (use 'merge' to combine digests)");
       }

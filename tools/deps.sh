@@ -8,7 +8,10 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libtbb-dev zlib1g-dev libcli11-dev
   python3-dev pybind11-dev python3-numpy python3-pytest
-  python3-dask python3-distributed
+  python3-dask python3-distributed python3-pandas  # Dask Series in the Dask tests
+  python3-matplotlib  # TDigest.plot, zotdigest plot, make docs
+  python3-mypy  # the typed usage example in the Python tests
+  python3-setuptools python3-wheel python3-pip  # pip install . / pip wheel .
   xz-utils  # tools/tsan_tbb.sh unpacks the oneTBB source tarball
 )
 
