@@ -67,12 +67,13 @@ from ._core import (  # noqa: E402
     merge_columns,
     module_info,
 )
-from . import _files, _names  # noqa: E402
+from . import _files, _names, _plot  # noqa: E402
 from ._files import load, save  # noqa: E402
 from ._names import merge  # noqa: E402
 
 _names.install()
 _files.install()
+_plot.install()
 
 __all__ = [
     "HostError",
