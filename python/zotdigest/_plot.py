@@ -2,7 +2,7 @@
 
 The command-line tool draws its PNG pictures through _main:
     python3 -c "import sys, zotdigest._plot as p; sys.exit(p._main(sys.argv[1:]))" \
-        FILE OUT.png [cdf|density|quantile]
+        FILE OUT.png [cdf|density|quantile [TITLE]]
 """
 
 import os
@@ -84,7 +84,9 @@ def _main(argv):
 
     from ._files import load
 
-    path, out, kind = argv[0], argv[1], argv[2] if len(argv) > 2 else "cdf"
+    path, out = argv[0], argv[1]
+    kind = argv[2] if len(argv) > 2 else "cdf"
+    title = argv[3] if len(argv) > 3 else os.path.basename(path)
     try:
         pairs = load(path, labels=True)
         fig, ax = plt.subplots(figsize=(8, 5))
@@ -94,7 +96,7 @@ def _main(argv):
             drawn[-1].set_label(label or f"digest {i}")
         if len(pairs) > 1:
             ax.legend()
-        ax.set_title(f"{os.path.basename(path)}: {kind}")
+        ax.set_title(f"{title}: {kind}")
         # Replaced atomically, as the tool writes every file.
         temporary = f"{out}.{os.getpid()}.tmp"
         try:
