@@ -2,6 +2,7 @@
 #include <pybind11/pybind11.h>
 
 #include "conversion.h"
+#include "digest_files.h"
 #include "errors.h"
 #include "random_stream.h"
 #include "routines.h"
@@ -16,5 +17,6 @@ PYBIND11_MODULE(_core, m) {
   zp::register_random_stream(m);
   zp::register_tdigest(m);
   zp::register_routines(m);
+  zp::register_digest_files(m);
   zp::register_yardstick(m);
 }
