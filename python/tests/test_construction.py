@@ -82,3 +82,15 @@ def test_answers_agree_with_numpy_and_add_and_merge_accumulate():
     d.merge(b)
     assert (d.NumDataPoints, b.NumDataPoints) == (x.size + DATA.size, DATA.size)
     assert merge([d, b]).NumDataPoints == x.size + 2 * DATA.size
+
+
+@pytest.mark.parametrize("how", ["constructor", "add-serial", "add-parallel"])
+def test_nan_is_skipped_and_not_counted_and_infinities_are_kept(how):
+    x = np.random.default_rng(3).normal(size=500_000)
+    x[::5], x[1], x[300_001] = np.nan, -np.inf, np.inf
+    d = TDigest(x) if how == "constructor" else TDigest()
+    if how != "constructor":
+        d.add(x, RandomStream(seed=4)) if how == "add-serial" else d.add(x)
+    means, counts = d.centroids()
+    assert d.NumDataPoints == int(counts.sum()) == 400_000
+    assert not np.isnan(means).any() and -np.inf in means and np.inf in means

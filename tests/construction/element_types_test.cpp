@@ -8,12 +8,13 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <cstdint>
 #include <string>
 #include <vector>
 
-#include "construction/substream.h"
 #include "build_test_support.h"
+#include "construction/substream.h"
 #include "core/accuracy.h"
 #include "core/queries.h"
 #include "summary/properties.h"
@@ -62,6 +63,33 @@ TYPED_TEST(AddArray, parallel_path_keeps_the_weight_and_size_of_the_serial_one_a
   const auto serialSize = static_cast<double>(digests[0].tree.size());
   EXPECT_GE(static_cast<double>(digests[1].tree.size()), 0.8 * serialSize);
   EXPECT_LE(static_cast<double>(digests[1].tree.size()), 1.25 * serialSize);
+}
+
+// NaN elements are skipped and not counted; infinities are values like any
+// other, on both paths, in an array large enough for many pieces.
+TEST(AddArray, nan_elements_are_skipped_and_infinities_kept_on_both_paths) {
+  std::vector<double> values = sampleValues<double>(200000, 9);
+  for (std::size_t i = 0; i < values.size(); i += 7) values[i] = std::nan("");
+  values[1] = -HUGE_VAL;
+  values[150001] = HUGE_VAL;
+  const auto finiteOrInfinite = static_cast<std::uint64_t>(
+      std::count_if(values.begin(), values.end(), [](double x) { return !std::isnan(x); }));
+  for (const bool serial : {true, false}) {
+    SCOPED_TRACE(serial ? "serial" : "parallel");
+    SeededDigest s(2, 50.0);
+    addArray<double>(*makeRow(values), s.digest, serial);
+    EXPECT_EQ(s.digest.totalWeight, finiteOrInfinite);
+    std::uint64_t counted = 0;
+    bool negative = false, positive = false;
+    for (const Centroid& c : listOf(s.digest)) {
+      counted += c.count;
+      EXPECT_FALSE(std::isnan(c.mean));
+      negative = negative || c.mean == -HUGE_VAL;
+      positive = positive || c.mean == HUGE_VAL;
+    }
+    EXPECT_EQ(counted, finiteOrInfinite);
+    EXPECT_TRUE(negative && positive);
+  }
 }
 
 TEST(SubstreamIndex, runs_from_1_to_one_million_then_starts_again_at_1_never_0) {
