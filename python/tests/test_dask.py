@@ -59,10 +59,8 @@ def test_arrays_and_series_give_exact_weight_and_the_in_memory_answer_within_bou
     assert zd.digest(x).compute().NumDataPoints == values.size
 
 
-@pytest.mark.parametrize("dtype", ["float64", "float32", "int8", "uint8", "int16", "uint16", "int32", "uint32",
-                                   "int64", "uint64"])
-def test_every_element_type_passes(client, dtype):
-    values = np.random.default_rng(7).integers(0, 100, size=(300, 40)).astype(dtype)
+def test_an_integer_element_type_passes(client):  # each type's reading: test_conversion.py
+    values = np.random.default_rng(7).integers(0, 100, size=(300, 40)).astype("int16")
     assert_exact_and_within_rank(zd.digest(da.from_array(values, chunks=(100, 20))).compute(), values)
 
 

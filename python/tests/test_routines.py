@@ -23,8 +23,9 @@ def test_merge_takes_a_list_or_array_into_one_digest(container):
     assert merge(PARTS[0], RandomStream(seed=1)).NumDataPoints == 100
 
 
-@pytest.mark.parametrize("shape, result", [((3, 4), (1, 4)), ((3, 4, 2), (1, 4, 2)), ((5,), (1, 1)),
-                                           ((0, 0), (0, 0)), ((0, 5), (0, 5)), ((5, 0), (1, 0))])
+# Every shape rule is the host suite's (table_routines_test); here the
+# object arrays Python gets back.
+@pytest.mark.parametrize("shape, result", [((3, 4, 2), (1, 4, 2)), ((5,), (1, 1)), ((0, 5), (0, 5))])
 def test_column_digests_give_one_digest_per_column_in_the_modules_shape(shape, result):
     data = np.random.default_rng(1).normal(size=shape)
     digests = column_digests(data)

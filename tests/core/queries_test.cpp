@@ -103,8 +103,9 @@ TEST(QueryErrors, raise_their_identifiers) {
   EXPECT_THROW((void)cdf(empty, 0.0), KeyedException<stats::tdigest::CdfNoData>);
 }
 
-// Wrapping sums, and the centroid count at 8e15 and at 0.8 x (2^61 - 1) as
-// computed in double. The weight limit is tested where adds and merges warn.
+// The weight at the limit and past it, wrapping sums, and the centroid
+// count at 8e15 and at 0.8 x (2^61 - 1) as computed in double. Where adds
+// and merges call the check is tested with them.
 TEST(CheckCapacity, warns_once_past_the_limits_pre_or_post) {
   constexpr std::uint64_t kLimit = 8000000000000000;
   constexpr std::uint64_t kMax = std::numeric_limits<std::uint64_t>::max();
@@ -114,7 +115,8 @@ TEST(CheckCapacity, warns_once_past_the_limits_pre_or_post) {
     std::uint64_t total, centroids, incoming;
     std::vector<std::string> expected;
   };
-  const std::vector<Case> cases = {{kMax, 1, 2, {pre}},       {2, 1, kMax, {pre}},
+  const std::vector<Case> cases = {{kLimit - 1, 1, 1, {}},    {kLimit, 1, 1, {pre}},
+                                   {kMax, 1, 2, {pre}},       {2, 1, kMax, {pre}},
                                    {0, kLimit, 0, {}},        {0, kLimit + 1, 0, {post}},
                                    {0, kLimit + 1, 1, {pre}}, {0, 1844674407370955264u, 0, {post}}};
   for (const Case& c : cases) {
