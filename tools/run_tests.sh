@@ -40,15 +40,15 @@ ctest_tree() {
   (cd "$dir" && ctest -j"$JOBS" --output-on-failure --timeout 600) >"$log" 2>&1
   local rc=$?
   grep -E '^(The following tests (FAILED|did not run)|[[:space:]]+[0-9]+ - )|tests passed' "$log" || true
-  local line total nfail nskip name
+  local line total nfail nskip skippedTest
   line=$(grep -E 'tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" | tail -n1)
   if [[ -n "$line" ]]; then
     nfail=$(sed -E 's/.* ([0-9]+) tests? failed out of ([0-9]+).*/\1/' <<<"$line")
     total=$(sed -E 's/.* failed out of ([0-9]+).*/\1/' <<<"$line")
     # ctest counts a skipped test among the passed ones.
     nskip=0
-    while read -r name; do
-      skips+=("ctest-$1: $name")
+    while read -r skippedTest; do
+      skips+=("ctest-$name: $skippedTest")
       nskip=$((nskip + 1))
     done < <(sed -nE 's/^[[:space:]]+[0-9]+ - (.*) \(Skipped\)$/\1/p' "$log")
     passed=$((passed + total - nfail - nskip))
