@@ -98,6 +98,22 @@ int main(int argc, char** argv) {
         {{bits(5.0), 3, 1, 3},
          {bits(std::numeric_limits<double>::quiet_NaN()), 1, 0, 1},
          {bits(-5.0), UINT64_C(1) << 62, -3, 0}});
+  const std::int64_t huge = std::int64_t{1} << 62;
+  write(dir, "wrapping_counts", control(all, 1, 20, kTotalFromTree, 13),
+        {{bits(1.0), huge, 1, huge}, {bits(0.0), huge, 0, huge}, {bits(2.0), -1, 0, -1}});
+  write(dir, "junk_subtree_counts", control(all, 1, 20, kTotalGiven, 14),
+        {{bits(2.0), 1, 1, 0}, {bits(1.0), 1, 0, -1}, {bits(3.0), 1, 0, std::int64_t{1} << 40}});
+  write(dir, "infinite_and_nan_means", control(all, 1, 20, kTotalFromTree, 15),
+        {{bits(std::numeric_limits<double>::quiet_NaN()), 3, 1, 9},
+         {bits(std::numeric_limits<double>::infinity()), 3, 0, 3},
+         {bits(-std::numeric_limits<double>::quiet_NaN()), 3, 0, 3}});
+  // A right-leaning chain of six nodes with consistent heights, in the
+  // slots 0, 2, 6, 14, 30, 62 of a 63-slot level-order array.
+  std::vector<Column> chain(63, Column{0, 0, 0, 0});
+  for (int i = 0, slot = 0; i < 6; ++i, slot = 2 * slot + 2) {
+    chain[static_cast<std::size_t>(slot)] = {bits(i), 2, 5 - i, 12 - 2 * i};
+  }
+  write(dir, "right_chain", control(all, 1, 20, kTotalFromTree, 16), chain);
   write(dir, "digest_10", control(all, 0, 40, kTotalFromTree, 9), digestColumns(100.0, 10, 1));
   write(dir, "digest_small_delta", control(all, 1, 80, kTotalFromTree, 10),
         digestColumns(1.0, 500, 2));

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Builds and runs every suite: the C++ tests in the release, ASan+UBSan and
-# TSan trees, and the Python suites against the release tree. Ends with one
-# tally line and a non-zero exit status if anything failed.
+# TSan trees, and the Python suites against the release tree. Ends with the
+# skipped tests, one tally line (passed, failed, skipped) and a non-zero exit
+# status if anything failed. Under CI=true the suites turn the skips that
+# mean a missing build or environment into failures themselves.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
@@ -12,6 +14,8 @@ mkdir -p "$logdir"
 
 passed=0
 failed=0
+skipped=0
+skips=()
 broken=()
 
 # configure DIR ARGS...: configures a tree, warnings as errors, the first time and again whenever
@@ -36,14 +40,21 @@ ctest_tree() {
   echo "== ctest ($name)"
   (cd "$dir" && ctest -j"$JOBS" --output-on-failure --timeout 600) >"$log" 2>&1
   local rc=$?
-  grep -E '^(The following tests FAILED|[[:space:]]+[0-9]+ - )|tests passed' "$log" || true
-  local line total nfail
+  grep -E '^(The following tests (FAILED|did not run)|[[:space:]]+[0-9]+ - )|tests passed' "$log" || true
+  local line total nfail nskip skippedTest
   line=$(grep -E 'tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" | tail -n1)
   if [[ -n "$line" ]]; then
     nfail=$(sed -E 's/.* ([0-9]+) tests? failed out of ([0-9]+).*/\1/' <<<"$line")
     total=$(sed -E 's/.* failed out of ([0-9]+).*/\1/' <<<"$line")
-    passed=$((passed + total - nfail))
+    # ctest counts a skipped test among the passed ones.
+    nskip=0
+    while read -r skippedTest; do
+      skips+=("ctest-$name: $skippedTest")
+      nskip=$((nskip + 1))
+    done < <(sed -nE 's/^[[:space:]]+[0-9]+ - (.*) \(Skipped\)$/\1/p' "$log")
+    passed=$((passed + total - nfail - nskip))
     failed=$((failed + nfail))
+    skipped=$((skipped + nskip))
   elif ! grep -q 'No tests were found' "$log"; then
     failed=$((failed + 1))
   fi
@@ -72,16 +83,20 @@ pytest_dir() {
   echo "== pytest ($name)"
   PYTHONPATH="$PWD/build/python${PYTHONPATH:+:$PYTHONPATH}" \
   QUORIX_MODULE_PATH="$PWD/build/lib" ZOTDIGEST_BUILD="$PWD/build" \
-    "$PY" -m pytest -q -p no:cacheprovider "$path" >"$log" 2>&1
+    "$PY" -m pytest -q -rs -p no:cacheprovider "$path" >"$log" 2>&1
   local rc=$?
   tail -n 15 "$log"
-  local line p f e
-  line=$(grep -E '^=*.*(passed|failed|error|no tests ran)' "$log" | tail -n1)
+  local line p f e s reason
+  line=$(grep -E '^=*.*(passed|failed|error|skipped|no tests ran)' "$log" | tail -n1)
   p=$(grep -oE '[0-9]+ passed' <<<"$line" | grep -oE '[0-9]+' || echo 0)
   f=$(grep -oE '[0-9]+ failed' <<<"$line" | grep -oE '[0-9]+' || echo 0)
   e=$(grep -oE '[0-9]+ errors?' <<<"$line" | grep -oE '[0-9]+' || echo 0)
+  s=$(grep -oE '[0-9]+ skipped' <<<"$line" | grep -oE '[0-9]+' || echo 0)
+  while read -r reason; do skips+=("pytest-$name: $reason"); done \
+    < <(sed -nE 's/^SKIPPED (.*)$/\1/p' "$log")
   passed=$((passed + p))
   failed=$((failed + f + e))
+  skipped=$((skipped + s))
   # 5 means no tests were collected: not a failure of the suite.
   if ((rc != 0 && rc != 5)); then
     broken+=("pytest-$name")
@@ -120,6 +135,7 @@ else
 fi
 
 echo
+for name in "${skips[@]}"; do echo "skipped: $name"; done
 if ((${#broken[@]})); then echo "failing steps: ${broken[*]}"; fi
-echo "tally: $passed passed, $failed failed"
+echo "tally: $passed passed, $failed failed, $skipped skipped"
 ((failed == 0 && ${#broken[@]} == 0))

@@ -15,10 +15,14 @@ import pandas as pd  # noqa: E402
 import zotdigest  # noqa: E402
 import zotdigest.dask as zd  # noqa: E402
 
-# Rank error allowed for a digest of delta 100 over these sizes: the estimate
-# of quantile q must lie between the exact quantiles q - eps and q + eps.
-RANK_EPS = 0.01
-QS = np.array([0.01, 0.05, 0.1, 0.25, 0.5, 0.75, 0.9, 0.95, 0.99])
+# Fewer than 200 values with delta 100: no value can join another, so a
+# digest holds exactly its values whatever the order of adds and merges,
+# and a lost or repeated chunk shows (the accuracy suite is the module's).
+RNG = np.random.default_rng(6)
+
+
+def values_one_apart(n):
+    return RNG.permutation(n).astype(float)
 
 
 @pytest.fixture(scope="module")
@@ -33,53 +37,43 @@ def client():
         cluster.close(timeout=30)
 
 
-def assert_within_rank(values, estimates, qs=QS):
-    values = np.asarray(values, dtype=float).ravel()
-    lo, hi = (np.quantile(values, np.clip(qs + e, 0, 1)) for e in (-RANK_EPS, RANK_EPS))
-    assert np.all(estimates >= lo) and np.all(estimates <= hi), (qs, estimates, lo, hi)
+def assert_holds_exactly(d, values):
+    means, counts = d.centroids()
+    np.testing.assert_array_equal(means, np.sort(np.asarray(values, dtype=float).ravel()))
+    assert np.all(counts == 1) and d.NumDataPoints == np.size(values)
 
 
-def assert_exact_and_within_rank(d, values):
-    assert d.NumDataPoints == np.size(values)
-    assert_within_rank(values, d.icdf(QS))
-
-
-def test_arrays_and_series_give_exact_weight_and_the_in_memory_answer_within_bounds(client):
-    values = np.random.default_rng(6).exponential(size=200_000)
-    d = zd.digest(da.from_array(values, chunks=7_000), delta=100, split_every=3).compute()
+def test_arrays_and_series_hold_exactly_their_values(client):
+    values = values_one_apart(190)
+    d = zd.digest(da.from_array(values, chunks=7), delta=100, split_every=3).compute()
     assert isinstance(d, zotdigest.TDigest) and d.Delta == 100.0
-    assert_exact_and_within_rank(d, values)
-    assert_exact_and_within_rank(zotdigest.TDigest(values), values)  # in memory, the same bound
-    assert_exact_and_within_rank(zd.digest(dd.from_pandas(pd.Series(values[:30_000]), npartitions=6)).compute(),
-                                 values[:30_000])
+    assert_holds_exactly(d, values)
+    assert_holds_exactly(zd.digest(dd.from_pandas(pd.Series(values[:90]), npartitions=6)).compute(), values[:90])
     # Empty collections, and empty chunks among full ones, add nothing.
     empty = zd.digest(da.zeros((0,), chunks=1), delta=50).compute()
     assert (empty.NumDataPoints, empty.Delta) == (0, 50.0)
-    x = da.concatenate([da.zeros((0,), chunks=1), da.from_array(values, chunks=10_000)])
+    x = da.concatenate([da.zeros((0,), chunks=1), da.from_array(values, chunks=50)])
     assert zd.digest(x).compute().NumDataPoints == values.size
 
 
-@pytest.mark.parametrize("dtype", ["float64", "float32", "int8", "uint8", "int16", "uint16", "int32", "uint32",
-                                   "int64", "uint64"])
-def test_every_element_type_passes(client, dtype):
-    values = np.random.default_rng(7).integers(0, 100, size=(300, 40)).astype(dtype)
-    assert_exact_and_within_rank(zd.digest(da.from_array(values, chunks=(100, 20))).compute(), values)
+def test_an_integer_element_type_passes(client):  # each type's reading: test_conversion.py
+    values = values_one_apart(180).reshape(6, 30).astype("int16")
+    assert_holds_exactly(zd.digest(da.from_array(values, chunks=(3, 10))).compute(), values)
 
 
 def test_column_digests_and_the_quantile_and_cdf_one_liners(client):
-    values = np.random.default_rng(10).normal(size=(20_000, 3)) * [1, 10, 100]
-    cols = zd.column_digests(da.from_array(values, chunks=(3_000, 2))).compute()
+    values = np.stack([values_one_apart(150) * k for k in (1, 10, 100)], axis=1)
+    cols = zd.column_digests(da.from_array(values, chunks=(40, 2))).compute()
     assert cols.shape == zotdigest.column_digests(values).shape == (1, 3)
     for j in range(3):
-        assert_exact_and_within_rank(cols[0, j], values[:, j])
+        assert_holds_exactly(cols[0, j], values[:, j])
     empty = zd.column_digests(da.zeros((0, 4), chunks=(1, 4))).compute()
     assert empty.shape == zotdigest.column_digests(np.zeros((0, 4))).shape
-    u = da.from_array(np.random.default_rng(12).uniform(size=40_000), chunks=8_000)
-    q = zd.quantile(u, [0.25, 0.5])
-    assert isinstance(q, np.ndarray) and q.shape == (2,)
-    assert_within_rank(u.compute(), q, np.array([0.25, 0.5]))
-    c = zd.cdf(u, 0.5)
-    assert isinstance(c, np.ndarray) and abs(float(c) - 0.5) < RANK_EPS
+    u = da.from_array(values_one_apart(150), chunks=30)
+    q = zd.quantile(u, [0.25, 0.5])  # ranks 37 and 74.5 among 0 .. 149
+    assert isinstance(q, np.ndarray) and q.shape == (2,) and q.tolist() == [37.0, 74.5]
+    c = zd.cdf(u, 74.0)
+    assert isinstance(c, np.ndarray) and float(c) == pytest.approx(74.5 / 150, rel=1e-12)
 
 
 def _die_once(block, marker):
@@ -91,11 +85,11 @@ def _die_once(block, marker):
 
 
 def test_killed_worker_is_retried_without_a_wrong_answer(client, tmp_path):
-    values = np.random.default_rng(13).normal(size=60_000)
-    x, marker = da.from_array(values, chunks=6_000), str(tmp_path / "died-once")
+    values = values_one_apart(180)
+    x, marker = da.from_array(values, chunks=18), str(tmp_path / "died-once")
     # The last block kills its worker once, losing the digests held there.
     # meta is given so that Dask never calls the function here to infer it.
-    last = x[54_000:].map_blocks(_die_once, marker, dtype=x.dtype, meta=np.array((), dtype=x.dtype))
-    d = zd.digest(da.concatenate([x[:54_000], last])).compute()
+    last = x[162:].map_blocks(_die_once, marker, dtype=x.dtype, meta=np.array((), dtype=x.dtype))
+    d = zd.digest(da.concatenate([x[:162], last])).compute()
     assert pathlib.Path(marker).exists()
-    assert_exact_and_within_rank(d, values)
+    assert_holds_exactly(d, values)

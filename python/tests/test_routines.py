@@ -3,7 +3,7 @@
 import numpy as np
 import pytest
 
-from zotdigest import HostError, RandomStream, TDigest, column_digests, merge, merge_columns
+from zotdigest import RandomStream, TDigest, column_digests, merge, merge_columns
 
 
 def weights(digests):
@@ -17,25 +17,15 @@ PARTS = [TDigest(np.arange(k, k + 100.0)) for k in (0, 100, 200)]
 def test_merge_takes_a_list_or_array_into_one_digest(container):
     merged = merge(container(PARTS))
     assert isinstance(merged, TDigest) and merged.NumDataPoints == 300
-    assert merged.icdf(0.0) < 1 and merged.icdf(1.0) > 298
+    # 300 centroids, too few to compress: the ends are exact, and icdf(0)
+    # extrapolates half a gap below the first.
+    assert (merged.icdf(0.0), merged.icdf(1.0), merged.NumCentroids) == (-0.5, 299.0, 300)
     assert merge(PARTS[0], RandomStream(seed=1)).NumDataPoints == 100
 
 
-BAD = {"empty": (lambda: merge([]), "QUORIX:class:RequireClass"),
-       "numbers": (lambda: merge(np.arange(3.0)), "QUORIX:class:RequireClass"),
-       "delta-mismatch": (lambda: merge([TDigest(None, 50), TDigest(None, 60)]), "stats:tdigest:MergeDeltaMismatch"),
-       "complex-columns": (lambda: column_digests(np.ones((2, 2), complex)), "QUORIX:class:RequireReal")}
-
-
-@pytest.mark.parametrize("call, identifier", BAD.values(), ids=list(BAD))
-def test_bad_inputs_are_refused(call, identifier):
-    with pytest.raises(HostError) as e:
-        call()
-    assert e.value.identifier == identifier
-
-
-@pytest.mark.parametrize("shape, result", [((3, 4), (1, 4)), ((3, 4, 2), (1, 4, 2)), ((5,), (1, 1)),
-                                           ((0, 0), (0, 0)), ((0, 5), (0, 5)), ((5, 0), (1, 0))])
+# Every shape rule is the host suite's (table_routines_test); here the
+# object arrays Python gets back.
+@pytest.mark.parametrize("shape, result", [((3, 4, 2), (1, 4, 2)), ((5,), (1, 1)), ((0, 5), (0, 5))])
 def test_column_digests_give_one_digest_per_column_in_the_modules_shape(shape, result):
     data = np.random.default_rng(1).normal(size=shape)
     digests = column_digests(data)

@@ -1,7 +1,8 @@
 """Python threads: separate digests at once, one digest in turn. That a long
-call releases the GIL shows in the Ctrl-C tests (test_errors.py): their timer
-thread must run while the call does."""
+call releases the GIL shows in the Ctrl-C tests (test_errors.py): their
+signal arrives while the call runs."""
 
+import itertools
 import threading
 
 import numpy as np
@@ -9,6 +10,40 @@ import numpy as np
 from zotdigest import RandomStream, TDigest, merge
 
 QS = np.linspace(0.0, 1.0, 101)
+
+
+def run_threads(targets):
+    """Runs each callable on its own thread; re-raises the first exception
+    a thread raised."""
+    errors = []
+
+    def guarded(target):
+        try:
+            target()
+        except BaseException as e:  # noqa: BLE001 - handed to the test thread
+            errors.append(e)
+
+    threads = [threading.Thread(target=guarded, args=(t,)) for t in targets]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join(300)  # a hang guard only
+    assert not any(t.is_alive() for t in threads), "a thread is stuck"
+    if errors:
+        raise errors[0]
+
+
+def interleavings(a, b, steps):
+    """The weight pairs that orders of `steps` merges of b into a and as many
+    of a into b pass through, and those they end with."""
+    passed, ends = {(a, b)}, set()
+    for order in set(itertools.permutations("ab" * steps)):
+        x, y = a, b
+        for who in order:
+            x, y = (x + y, y) if who == "a" else (x, x + y)
+            passed.add((x, y))
+        ends.add((x, y))
+    return passed, ends
 
 
 def test_threads_on_separate_digests_get_the_answers_of_one_thread_and_take_turns_on_one():
@@ -22,20 +57,52 @@ def test_threads_on_separate_digests_get_the_answers_of_one_thread_and_take_turn
         means, counts = d.centroids()
         return means.tobytes() + counts.tobytes() + d.icdf(QS).tobytes() + d.cdf(QS).tobytes()
 
+    routine_weights = []
+
     def crossed(target, source):  # the method and the routine each hold both digests
-        for _ in range(4):
-            target.merge(source), merge([target, source])
+        for _ in range(3):
+            target.merge(source)
+            routine_weights.append(merge([target, source]).NumDataPoints)
 
     alone, together = [answers(k) for k in range(4)], [None] * 4
     shared, a, b = TDigest(), TDigest(np.arange(1000.0)), TDigest(np.arange(1000.0))
-    threads = [threading.Thread(target=lambda k=k: together.__setitem__(k, answers(k))) for k in range(4)]
-    threads += [threading.Thread(target=shared.add, args=(x,)) for x in data]
-    threads += [threading.Thread(target=crossed, args=pair) for pair in [(a, b), (b, a)]]
-    for t in threads:
-        t.start()
-    for t in threads:
-        t.join(120)
-    assert not any(t.is_alive() for t in threads), "a thread is stuck"
+    run_threads([lambda k=k: together.__setitem__(k, answers(k)) for k in range(4)]
+                + [lambda x=x: shared.add(x) for x in data]
+                + [lambda: crossed(a, b), lambda: crossed(b, a)])
     assert together == alone
     assert shared.NumDataPoints == int(shared.centroids()[1].sum()) == 1_200_000
-    assert a.NumDataPoints > 1000 and int(a.centroids()[1].sum()) == a.NumDataPoints
+    # Each merge saw the other digest whole: the weights are those of some
+    # order of the six merges, and each routine merged a state on the way.
+    passed, ends = interleavings(1000, 1000, 3)
+    assert (a.NumDataPoints, b.NumDataPoints) in ends
+    assert len(routine_weights) == 6 and set(routine_weights) <= {x + y for x, y in passed}
+    for d in (a, b):
+        assert int(d.centroids()[1].sum()) == d.NumDataPoints
+
+
+def test_queries_while_another_thread_adds_see_whole_adds():
+    chunk, chunks = 20_000, 30
+    d, done = TDigest(None, 50), threading.Event()
+
+    def adder():
+        try:
+            for k in range(chunks):
+                d.add(np.random.default_rng(k).normal(size=chunk) + k)
+        finally:
+            done.set()
+
+    def reader():
+        last = 0
+        while True:
+            finished = done.is_set()
+            n = int(d.centroids()[1].sum())
+            assert n % chunk == 0 and n >= last, (n, last)  # no add seen half done
+            if n:
+                low, high = d.icdf(np.array([0.0, 1.0]))
+                assert low <= high and 0.0 < d.cdf(float(high)) <= 1.0
+            last = n
+            if finished:
+                return
+
+    run_threads([adder, reader, reader])
+    assert d.NumDataPoints == chunk * chunks

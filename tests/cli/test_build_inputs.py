@@ -47,9 +47,9 @@ def test_every_format_dtype_memory_order_and_pipe_reads_the_same_numbers(tmp_pat
     assert summary["data_points"] == 3000
 
 
-def test_text_separators_comments_special_values_and_several_files(tmp_path):
-    (tmp_path / "a.txt").write_text("# header line\n1 2\t3\n\n4\r\n5  # 99 98\n")
-    (tmp_path / "b.txt").write_text("+6 nan inf")
+def test_several_text_files_are_read_as_one(tmp_path):  # the text syntax: cli_unit_test
+    (tmp_path / "a.txt").write_text("1 2 3\n4 5\n")
+    (tmp_path / "b.txt").write_text("6 nan inf")
     s = ok("summary", "--json", "a.txt", "b.txt", cwd=tmp_path).json()["digests"][0]
     # NaN is dropped by the digest; +Inf is a value with no JSON spelling.
     assert (s["data_points"], s["min"], s["max"]) == (7, 1.0, None)

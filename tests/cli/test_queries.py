@@ -1,6 +1,7 @@
-"""Asking a digest (or numbers summarised on the fly) questions. The bounds
-are loose: they catch a tool that asks about the wrong numbers, while the
-module's own accuracy is tested with the module."""
+"""Asking a digest (or numbers summarised on the fly) questions. The digest
+holds 150 values one apart, too few to share a centroid, so every answer is
+known exactly: the tool must ask about the right numbers and print what the
+module answers (the module's accuracy is tested with the module)."""
 import numpy as np
 import pytest
 
@@ -8,40 +9,46 @@ from conftest import ok, run
 
 
 @pytest.fixture(scope="module")
-def digest(tmp_path_factory, text_file):
-    path = tmp_path_factory.mktemp("q") / "n.zd"
-    ok("build", text_file, "-o", path)
-    return path
+def digest(tmp_path_factory):
+    path = tmp_path_factory.mktemp("q")
+    (path / "n.txt").write_text("\n".join(map(str, np.random.default_rng(1).permutation(150))))
+    ok("build", path / "n.txt", "-o", path / "n.zd")
+    return path / "n.zd"
 
 
-def test_summary_describes_the_data(digest, normal_data):
+def test_summary_describes_the_data(digest):
     s = ok("summary", digest, "--json").json()["digests"][0]
-    assert (s["delta"], s["data_points"]) == (100, len(normal_data)) and 0 < s["centroids"] <= 2000
-    assert s["mean"] == pytest.approx(normal_data.mean(), abs=1e-9)
-    # The first and last centroid means lie inside the data's range.
-    assert normal_data.min() <= s["min"] < s["mean"] < s["max"] <= normal_data.max()
-    p = {"p50": 0.5, "p90": 0.9, "p99": 0.99, "p99.9": 0.999}
-    est = np.sort(normal_data).searchsorted([s["quantiles"][k] for k in p]) / len(normal_data)
-    assert np.all(np.abs(est - list(p.values())) < 2e-3), est
+    assert (s["delta"], s["data_points"], s["centroids"], s["min"], s["max"], s["mean"]) == (
+        100, 150, 150, 0, 149, 74.5)
+    # Quantile q lies at rank 150 q - 1/2 among 0, 1, ..., 149.
+    assert s["quantiles"] == pytest.approx({"p50": 74.5, "p90": 134.5, "p99": 148, "p99.9": 149.35}, rel=1e-12)
     names = [line.rsplit(None, 1)[0].strip() for line in ok("summary", digest).out.splitlines()]
     assert names == ["delta", "data points", "centroids", "min (first centroid)",
                      "max (last centroid)", "mean", "p50", "p90", "p99", "p99.9"]
 
 
-def test_cdf_trimmed_mean_and_centroids(digest, normal_data):
-    s, n = np.sort(normal_data), len(normal_data)
-    x = [-3, -1, 0, 0.5, 2, 4]
+def test_cdf_trimmed_mean_and_centroids(digest):
+    x = [-1, 0, 0.5, 74, 149, 150]
     r = ok("cdf", digest, *x, "--json").json()["digests"][0]["cdf"]
     assert [e["x"] for e in r] == x
-    assert np.all(np.abs([e["cdf"] for e in r] - np.searchsorted(s, x) / n) < 2e-3), r
+    assert [e["cdf"] for e in r] == pytest.approx([0, 0.5 / 150, 1 / 150, 74.5 / 150, 1, 1], rel=1e-12)
     r = ok("trimmed-mean", digest, 0, 0.1, "--json").json()["digests"][0]["trimmed_means"]
-    assert [e["trim"] for e in r] == [0, 0.1] and r[0]["mean"] == pytest.approx(s.mean(), abs=1e-9)
-    assert r[1]["mean"] == pytest.approx(s[n // 10:n - n // 10].mean(), abs=5e-3)
+    assert [(e["trim"], e["mean"]) for e in r] == [(0, 74.5), (0.1, 74.5)]
     c = ok("centroids", digest, "--json").json()["digests"][0]["centroids"]
-    means, counts = [e["mean"] for e in c], [e["count"] for e in c]
-    assert means == sorted(means) and sum(counts) == n
+    assert [(e["mean"], e["count"]) for e in c] == [(k, 1) for k in range(150)]
     text = ok("centroids", digest).out.splitlines()
     assert text[0].split() == ["mean", "count"] and len(text) == len(c) + 1
+
+
+def test_quantiles_and_cdf_at_the_extremes(tmp_path):
+    # Ten values, too few to share a centroid: quantile 0 lies half a gap
+    # below the first, quantile 1 is the last; cdf is 0 below the first, a
+    # half count at it, 1 from the last on.
+    (tmp_path / "ten.txt").write_text(" ".join(map(str, range(1, 11))))
+    q = ok("quantile", tmp_path / "ten.txt", 0, 1, "--json").json()["digests"][0]["quantiles"]
+    assert [(e["p"], e["value"]) for e in q] == [(0, 0.5), (1, 10)]
+    c = ok("cdf", tmp_path / "ten.txt", -1e308, 0.99, 1, 10, 1e308, "--json").json()["digests"][0]["cdf"]
+    assert [e["cdf"] for e in c] == [0, 0, 0.05, 1, 1]
 
 
 def test_text_output_is_aligned_and_precision_applies(digest):

@@ -14,16 +14,14 @@
 #include "core/tdigest.h"
 #include "quorix/random_stream.h"
 #include "support/raised_identifier.h"
+#include "support/seeded_stream.h"
 
 namespace zotdigest::testing {
 
 using quorix::test::raisedIdentifier;
 
-inline std::unique_ptr<quorix::RandomStream> seededStream(std::uint64_t seed) {
-  return quorix::RandomStream::create("mrg32k3a", 1000000, seed);
-}
-
-inline std::uint64_t bits(double x) { return std::bit_cast<std::uint64_t>(x); }
+using quorix::test::bitsOf;
+using quorix::test::seededStream;
 
 // A digest on its own seeded stream, kept alive beside it.
 struct SeededDigest {
@@ -90,7 +88,7 @@ inline void expectIdentical(const TDigest& a, const TDigest& b) {
   const std::vector<Centroid> lb = listOf(b);
   ASSERT_EQ(la.size(), lb.size());
   for (std::size_t i = 0; i < la.size(); ++i) {
-    ASSERT_EQ(bits(la[i].mean), bits(lb[i].mean)) << "centroid " << i;
+    ASSERT_EQ(bitsOf(la[i].mean), bitsOf(lb[i].mean)) << "centroid " << i;
     ASSERT_EQ(la[i].count, lb[i].count) << "centroid " << i;
   }
 }

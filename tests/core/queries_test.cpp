@@ -23,7 +23,7 @@
 namespace zotdigest {
 namespace {
 
-using testing::bits;
+using testing::bitsOf;
 using testing::digestOf;
 
 constexpr std::uint64_t kHostNaNBits = 0x7FF8000000000000;
@@ -32,10 +32,13 @@ TEST(Cdf, steps_at_a_lone_mean_divides_by_the_total_and_stays_monotone_over_ties
   const TDigest lone = digestOf({{2.0, 5}});
   EXPECT_EQ(cdf(lone, std::nextafter(2.0, 0.0)), 0.0);
   EXPECT_EQ(cdf(lone, 2.0), 1.0);
-  TDigest d = digestOf({{1.0, 4}, {3.0, 4}, {5.0, 2}});
-  d.totalWeight = 20;  // not the tree's sum
-  EXPECT_EQ(cdf(d, 1.0), 4.0 * 0.5 / 20.0);
-  EXPECT_EQ(cdf(d, 4.5), (2.0 * (4.5 - 4.0) / (6.0 - 4.0) + 8.0) / 20.0);  // last: mirrored half
+  // Intervals [0, 2], [2, 5] and [5, 9]: the first and the last centroid
+  // take the half-gap of their one neighbour on both sides.
+  TDigest d = digestOf({{1.0, 4}, {3.0, 4}, {7.0, 2}});
+  d.totalWeight = 20;             // not the tree's sum
+  EXPECT_EQ(cdf(d, 1.0), 0.1);    // 4 x 1/2 of 20
+  EXPECT_EQ(cdf(d, 3.5), 0.3);    // (4 + 4 x 1.5/3) / 20
+  EXPECT_EQ(cdf(d, 6.0), 0.425);  // (8 + 2 x 1/4) / 20
   const TDigest run = digestOf({{1.0, 2}, {2.0, 3}, {2.0, 3}, {2.0, 1}, {4.0, 2}});
   for (double x = 0.0, previous = 0.0; x <= 4.5; x += 1.0 / 64.0) {
     EXPECT_GE(cdf(run, x), previous) << "x = " << x;
@@ -44,14 +47,21 @@ TEST(Cdf, steps_at_a_lone_mean_divides_by_the_total_and_stays_monotone_over_ties
 }
 
 TEST(Icdf, extrapolates_past_the_end_means_without_clamping) {
-  for (const double q : {0.5, -0.0}) EXPECT_EQ(bits(icdf(TDigest(), q)), kHostNaNBits);
+  for (const double q : {0.5, -0.0}) EXPECT_EQ(bitsOf(icdf(TDigest(), q)), kHostNaNBits);
   for (const double q : {0.0, 0.3, 1.0}) EXPECT_EQ(icdf(digestOf({{-7.25, 3}}), q), -7.25);
-  const TDigest d = digestOf({{1.0, 4}, {3.0, 4}, {5.0, 2}});
-  EXPECT_EQ(icdf(d, -0.0), 0.0);
-  EXPECT_EQ(icdf(d, 0.0), 1.0 - 0.5 * (3.0 - 1.0));
-  EXPECT_EQ(icdf(d, 0.6), 3.0);
-  EXPECT_EQ(icdf(d, 0.95), 5.0 + (5.0 - 3.0) * 0.25);
-  EXPECT_EQ(icdf(d, 1.0), 5.0);
+  // Gaps of 2 and 4: a quantile before a centroid's middle interpolates
+  // towards the mean below, one after it towards the mean above; the first
+  // and the last centroid extrapolate along their one gap.
+  const TDigest d = digestOf({{1.0, 4}, {3.0, 4}, {7.0, 2}});
+  for (const auto& [q, x] : {std::pair{-0.0, 0.0},
+                             {0.0, 0.0},
+                             {0.5, 2.5},
+                             {0.6, 3.0},
+                             {0.75, 4.5},
+                             {0.95, 8.0},
+                             {1.0, 7.0}}) {
+    EXPECT_EQ(icdf(d, q), x) << "q = " << q;
+  }
 }
 
 TEST(TrimmedMean, cuts_whole_and_partial_centroids_at_each_end) {
@@ -93,8 +103,9 @@ TEST(QueryErrors, raise_their_identifiers) {
   EXPECT_THROW((void)cdf(empty, 0.0), KeyedException<stats::tdigest::CdfNoData>);
 }
 
-// Wrapping sums, and the centroid count at 8e15 and at 0.8 x (2^61 - 1) as
-// computed in double. The weight limit is tested where adds and merges warn.
+// The weight at the limit and past it, wrapping sums, and the centroid
+// count at 8e15 and at 0.8 x (2^61 - 1) as computed in double. Where adds
+// and merges call the check is tested with them.
 TEST(CheckCapacity, warns_once_past_the_limits_pre_or_post) {
   constexpr std::uint64_t kLimit = 8000000000000000;
   constexpr std::uint64_t kMax = std::numeric_limits<std::uint64_t>::max();
@@ -104,7 +115,8 @@ TEST(CheckCapacity, warns_once_past_the_limits_pre_or_post) {
     std::uint64_t total, centroids, incoming;
     std::vector<std::string> expected;
   };
-  const std::vector<Case> cases = {{kMax, 1, 2, {pre}},       {2, 1, kMax, {pre}},
+  const std::vector<Case> cases = {{kLimit - 1, 1, 1, {}},    {kLimit, 1, 1, {pre}},
+                                   {kMax, 1, 2, {pre}},       {2, 1, kMax, {pre}},
                                    {0, kLimit, 0, {}},        {0, kLimit + 1, 0, {post}},
                                    {0, kLimit + 1, 1, {pre}}, {0, 1844674407370955264u, 0, {post}}};
   for (const Case& c : cases) {

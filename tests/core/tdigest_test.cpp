@@ -20,7 +20,7 @@
 namespace zotdigest {
 namespace {
 
-using testing::bits;
+using testing::bitsOf;
 using testing::expectIdentical;
 using testing::expectValidTree;
 using testing::SeededDigest;
@@ -40,27 +40,6 @@ TEST(TDigestAdd, nan_is_a_no_op_and_infinities_are_values_like_any) {
   for (const double x : {2.5, kInf, -kInf, std::nan(""), -kInf}) s.digest.add(x);
   EXPECT_EQ(s.digest.totalWeight, 4u);
   EXPECT_EQ(s.digest.tree.first()->mean, -kInf);
-}
-
-TEST(TDigestAdd, value_between_two_eligible_centroids_draws_twice_and_takes_the_second_at_half) {
-  bool tookFirst = false;
-  bool tookSecond = false;
-  for (std::uint64_t seed = 1; seed <= 24; ++seed) {
-    SCOPED_TRACE(seed);
-    SeededDigest s(seed, 1.0);
-    auto twin = seededStream(seed);
-    CentroidNode* low = s.digest.tree.insert(0.0, 10);
-    CentroidNode* high = s.digest.tree.insert(2.0, 10);
-    s.digest.totalWeight = 20;  // bound 15 for both, room for 11
-    s.digest.add(1.0);
-    twin->uniform();  // the first eligible centroid is always taken
-    const bool second = twin->uniform() <= 0.5;
-    EXPECT_EQ(high->count, second ? 11u : 10u);
-    EXPECT_EQ(low->count, second ? 10u : 11u);
-    EXPECT_EQ(s.stream->uniform(), twin->uniform()) << "exactly two draws";
-    (second ? tookSecond : tookFirst) = true;
-  }
-  EXPECT_TRUE(tookFirst && tookSecond);
 }
 
 // Delta 5: 100 centroids are allowed, the 101st compresses (a zero total
@@ -87,6 +66,63 @@ TEST(TDigestCompress, trigger_is_strict_and_tiny_deltas_leave_the_digest_alone) 
   single.compress();
   EXPECT_EQ(single.stream, nullptr);
   EXPECT_EQ(single.totalWeight, 2u);
+}
+
+// Small digests worked out by hand on the streams of seed 0, whose first
+// draws are 0.127, 0.319, 0.309, and seed 1 (0.760, 0.978). Each would end
+// differently under a wrong size bound, comparison, choice among eligible
+// centroids or trigger.
+struct HandCase {
+  const char* what;
+  std::uint64_t seed;
+  double delta;
+  std::vector<Centroid> adds;  // values and weights, in order
+  std::vector<Centroid> expected;
+  int draws;
+};
+
+TEST(TDigestAdd, small_digests_end_with_the_centroids_worked_out_by_hand) {
+  // 2 is too heavy to join 0 (bound 10 < 11). 1 is as far from both; both
+  // are eligible (bounds 19.1 and 109.1): the first draw takes 0, the
+  // second moves the choice to 2 when it is at most 1/2.
+  const std::vector<Centroid> between = {{0.0, 1}, {2.0, 10}, {1.0, 1}};
+  const HandCase cases[] = {
+      // 2.25 is nearest 2; q = (1/2 + 1) / 3 = 1/2, bound 12 x 1/4 / 1.5 = 2:
+      // exactly room for 1 + 1, so it joins.
+      {"bound equal to the grown count",
+       0,
+       1.5,
+       {{0.0, 1}, {2.0, 1}, {4.0, 1}, {2.25, 1}},
+       {{0.0, 1}, {2.125, 2}, {4.0, 1}},
+       1},
+      {"second of two eligible", 0, 0.1, between, {{0.0, 1}, {21.0 / 11.0, 11}}, 2},
+      {"first of two eligible", 1, 0.1, between, {{0.5, 2}, {2.0, 10}}, 2},
+      // No value joins (bounds 10 < 101, then 1009.9 < 1100 and 19.9 < 1001),
+      // so the third centroid passes 20 x 0.1 and compresses: the
+      // permutation (draws 1 and 2) keeps the order, 0 and 10 stay apart
+      // again (bound 1000 < 1100) and 20 joins 10 on draw 3.
+      {"third centroid compresses",
+       0,
+       0.1,
+       {{20.0, 1}, {0.0, 100}, {10.0, 1000}},
+       {{0.0, 100}, {10020.0 / 1001.0, 1001}},
+       3},
+  };
+  for (const HandCase& c : cases) {
+    SCOPED_TRACE(c.what);
+    SeededDigest s(c.seed, c.delta);
+    std::uint64_t total = 0;
+    for (const Centroid& a : c.adds) {
+      s.digest.add(a.mean, a.count);
+      total += a.count;
+    }
+    TDigest expected = testing::digestOf(c.expected);
+    expected.totalWeight = total;
+    expectIdentical(s.digest, expected);
+    auto twin = seededStream(c.seed);
+    for (int i = 0; i < c.draws; ++i) twin->uniform();
+    EXPECT_EQ(s.stream->uniform(), twin->uniform()) << "draws made";
+  }
 }
 
 // The same algorithm over a plain sorted vector: no tree, no rotations, no
@@ -210,11 +246,11 @@ struct Fnv1a {
   void add(TDigest& digest) {
     for (const CentroidNode* n = digest.tree.first(); n != nullptr; n = CentroidTree::next(n)) {
       const std::uint64_t height = static_cast<std::uint32_t>(n->height);
-      for (const std::uint64_t v : {bits(n->mean), n->count, height, n->subtreeCount}) add(v);
+      for (const std::uint64_t v : {bitsOf(n->mean), n->count, height, n->subtreeCount}) add(v);
     }
     add(digest.tree.size());
     add(digest.totalWeight);
-    add(bits(digest.stream->uniform()));
+    add(bitsOf(digest.stream->uniform()));
   }
 };
 

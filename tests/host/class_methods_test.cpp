@@ -1,6 +1,6 @@
-// Class "TDigest" through the object system: every method with arrays of
-// every element type, the errors each call raises, properties at both access
-// levels, and save and restore.
+// Class "TDigest" through the object system: the errors each call raises,
+// properties at both access levels, and save and restore. Arrays of every
+// element type reach the methods in the Python suite (test_conversion.py).
 #include <cmath>
 
 #include "module_fixture.h"
@@ -10,49 +10,6 @@ namespace {
 
 using quorix::kRestrictedAccess;
 using TDigestClass = ModuleTest;
-
-// The parameter is the element type's host name.
-class EveryElementType : public ModuleTest, public ::testing::WithParamInterface<const char*> {};
-
-// Each method must read its arrays as their own element type: equal values
-// give the answers double arrays give.
-TEST_P(EveryElementType, every_method_takes_arrays_of_the_type_like_double) {
-  const ClassID type = quorix::classFromName(GetParam());
-  // Negative values where the type has them: a signed type read as its
-  // unsigned twin (or the reverse) shows.
-  const std::vector<double> values = ramp(120, GetParam()[0] == 'u' ? 0.0 : -60.0);
-  const auto asType = [&](std::vector<double> v) { return numbers(type, v); };
-  const HostArrayPtr data = asType(values), same = doubles(values), none = doubles({});
-  const HostArrayPtr s1 = streamOf(11), s2 = streamOf(11), s3 = streamOf(5), s4 = streamOf(5);
-  // add picks an overload by class; the constructor converts by class.
-  const HostArrayPtr typed = construct({}), reference = construct({});
-  call("add", 0, {typed.get(), data.get(), s1.get()});
-  call("add", 0, {reference.get(), same.get(), s2.get()});
-  EXPECT_EQ(centroidsOf(*typed), centroidsOf(*reference));
-  EXPECT_EQ(centroidsOf(*construct({data.get(), none.get(), s3.get()})),
-            centroidsOf(*construct({same.get(), none.get(), s4.get()})));
-
-  for (const auto& [method, args] :
-       {std::pair{"cdf", std::vector<double>{0, 7, 59}}, {"icdf", {0, 1}}, {"trimmedMean", {0}}}) {
-    const HostArrayPtr a = std::move(call(method, 1, {typed.get(), asType(args).get()}).at(0));
-    const HostArrayPtr b = std::move(call(method, 1, {reference.get(), doubles(args).get()}).at(0));
-    EXPECT_EQ(a->dims(), b->dims());
-    EXPECT_TRUE(std::equal(a->data<double>(), a->data<double>() + a->numel(), b->data<double>()))
-        << method;
-  }
-  call("add", 0, {typed.get(), data.get()});  // the parallel form
-  EXPECT_EQ(countProperty(*typed, "NumDataPoints"), 240u);
-  const HostArrayPtr complex = HostArray::createNumericMatrix(1, 2, type, true);
-  EXPECT_EQ(raisedIdentifier([&] {
-              call("add", 0, {typed.get(), complex.get()});
-            }),
-            "QUORIX:class:RequireReal");
-}
-
-INSTANTIATE_TEST_SUITE_P(ElementTypes, EveryElementType,
-                         ::testing::Values("single", "double", "int8", "int16", "int32", "int64",
-                                           "uint8", "uint16", "uint32", "uint64"),
-                         [](const auto& info) { return std::string(info.param); });
 
 TEST_F(TDigestClass, bad_arguments_raise_their_identifiers) {
   const HostArrayPtr empty = construct({});

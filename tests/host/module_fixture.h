@@ -18,6 +18,7 @@
 #include "quorix/object_system.h"
 #include "quorix/random_stream.h"
 #include "support/raised_identifier.h"
+#include "support/seeded_stream.h"
 
 namespace zotdigest::hosttest {
 
@@ -68,7 +69,7 @@ inline std::vector<double> ramp(std::size_t n, double first = 0.0) {
 
 // A fresh stream object of the seed.
 inline HostArrayPtr streamOf(std::uint64_t seed) {
-  return quorix::RandomStream::toHostValue(quorix::RandomStream::create("mrg32k3a", 1000000, seed));
+  return quorix::RandomStream::toHostValue(quorix::test::seededStream(seed));
 }
 
 inline HostArrayPtr construct(std::vector<const HostArray*> in) {

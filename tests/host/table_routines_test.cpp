@@ -65,6 +65,7 @@ TEST_F(TableRoutines, results_have_the_shapes_of_their_inputs) {
   EXPECT_EQ(doubleProperty(*element(*built, 7), "Delta"), 40.0);
   for (const auto& [in, out] : {std::pair{Dims{0, 0}, Dims{0, 0}},
                                 {Dims{0, 5}, Dims{0, 5}},
+                                {Dims{5, 0}, Dims{1, 0}},
                                 {Dims{5, 0, 2}, Dims{1, 0, 2}}}) {
     const HostArrayPtr noData = HostArray::createNumeric(in, ClassID::Double);
     const HostArrayPtr noDigests = HostArray::createObjectArray("TDigest", in);

@@ -1,6 +1,7 @@
 // Host arrays: the dimension rule, column-major storage in owned arrays and
 // views, and misuse by identifier. Conversion of each element class to
-// double is exercised by host_test (every method with every element type).
+// double is exercised by construction_test and by the Python conversion
+// tests (every method with every element type).
 #include "quorix/host_array.h"
 
 #include <gtest/gtest.h>

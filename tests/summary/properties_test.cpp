@@ -1,6 +1,6 @@
 // Restoring a digest from its three properties (any positive Delta,
-// infinity included), and decoded junk that no digest could have produced
-// run through the later operations.
+// infinity included). Decoded junk that no digest could have produced is
+// the summary fuzz target's: its corpus is replayed by summary_corpus_replay.
 #include "summary/properties.h"
 
 #include <gtest/gtest.h>
@@ -8,7 +8,6 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
-#include <string>
 #include <vector>
 
 #include "core/queries.h"
@@ -21,11 +20,8 @@ namespace {
 
 using testing::bitsOf;
 using testing::elements;
-using testing::makeMatrix;
-using testing::node;
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
-constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
 // Answers to every query, bit for bit.
 void expectSameAnswers(const TDigest& a, const TDigest& b) {
@@ -41,7 +37,7 @@ void expectSameAnswers(const TDigest& a, const TDigest& b) {
 class PropertyRestore : public ::testing::TestWithParam<std::pair<double, int>> {};
 
 TEST_P(PropertyRestore, three_properties_give_identical_answers_and_future) {
-  const auto stream = testing::makeStream(9);
+  const auto stream = testing::seededStream(9);
   TDigest original;
   original.stream = stream.get();
   original.delta = GetParam().first;
@@ -55,8 +51,8 @@ TEST_P(PropertyRestore, three_properties_give_identical_answers_and_future) {
   // Insertion reads heights and subtree counts (the decoded tree's by full
   // walks, the built one's by shortcuts): fed the same values, with ties, from
   // streams in the same state, both stay identical through compressions.
-  const auto s1 = testing::makeStream(21);
-  const auto s2 = testing::makeStream(21);
+  const auto s1 = testing::seededStream(21);
+  const auto s2 = testing::seededStream(21);
   original.stream = s1.get();
   restored.stream = s2.get();
   for (int i = 0; i < 2000; ++i) {
@@ -74,60 +70,6 @@ INSTANTIATE_TEST_SUITE_P(Digests, PropertyRestore,
                                            std::pair{100.0, 5000}, std::pair{5.0, 3000},
                                            std::pair{0.5, 200}, std::pair{1000.0, 700},
                                            std::pair{kInf, 300}, std::pair{5e-324, 50}));
-
-// Queries may raise their documented errors on a digest they see as empty;
-// anything else is a failure.
-void runQueries(const TDigest& d) {
-  for (const double x : {-kInf, 0.0, 2.5, kInf, kNaN}) {
-    const std::string id = testing::raisedIdentifier([&] { (void)cdf(d, x); });
-    EXPECT_TRUE(id.empty() || id == "stats:tdigest:CdfNoData") << id;
-  }
-  for (const double q : {0.0, 0.25, 1.0, kNaN}) {
-    (void)icdf(d, q);
-    const std::string id = testing::raisedIdentifier([&] { (void)trimmedMean(d, q * 0.499); });
-    EXPECT_TRUE(id.empty() || id == "stats:tdigest:TrimmedMeanNoData") << id;
-  }
-}
-
-// A few of the shapes the summary fuzz target explores at length, kept here
-// so that every test run (sanitizer trees included) passes through them.
-TEST(HostileSummary, every_operation_finishes_on_the_nastiest_shapes) {
-  const std::int64_t maxH = std::numeric_limits<std::int32_t>::max();
-  const std::int64_t huge = std::int64_t{1} << 62;
-  std::vector<testing::Column> chain(63, testing::Column{});  // right chain, consistent heights
-  for (int i = 0, slot = 0; i < 6; ++i, slot = 2 * slot + 2) {
-    chain[slot] = node(i, 2, 5 - i, 12 - 2 * i);
-  }
-  // A zero-count root; junk heights; NaN and infinite means; junk subtree
-  // counts; counts that wrap; the chain.
-  const std::vector<std::vector<testing::Column>> hostile = {
-      {{0, 0, 3, 9}, node(1, 4, 0, 4), node(2, 5, 0, 5)},
-      {node(5, 2, maxH, 2), node(2, 2, maxH, 2), node(8, 2, -7, 2), testing::Column{}},
-      {node(kNaN, 3, 1, 9), node(kInf, 3, 0, 3), node(-kNaN, 3, 0, 3)},
-      {node(2, 1, 1, 0), node(1, 1, 0, -1), node(3, 1, 0, std::int64_t{1} << 40)},
-      {node(1, huge, 1, huge), node(0, huge, 0, huge), node(2, -1, 0, -1)},
-      chain};
-  for (std::size_t h = 0; h < hostile.size(); ++h) {
-    for (const std::uint64_t total : {0ull, 7ull, ~0ull}) {
-      SCOPED_TRACE(::testing::Message() << "matrix " << h << " total " << total);
-      const auto stream = testing::makeStream(5);
-      TDigest d;
-      d.stream = stream.get();
-      setDelta(d, 1.0);
-      setSummary(d, *makeMatrix(hostile[h]));
-      setNumDataPoints(d, total);
-      runQueries(d);
-      TDigest again = d;  // a copy, given the re-encoded tree
-      setSummary(again, *getSummary(d));
-      runQueries(again);
-      for (const double x : {0.5, kNaN, kInf, -kInf, 2.0, -0.0, 1e308, 2.0}) d.add(x);
-      d.add(1.0, ~0ull);
-      d.compress();
-      d.merge(again);
-      runQueries(d);
-    }
-  }
-}
 
 }  // namespace
 }  // namespace zotdigest

@@ -14,13 +14,15 @@
 #include "quorix/host_array.h"
 #include "quorix/random_stream.h"
 #include "support/raised_identifier.h"
+#include "support/seeded_stream.h"
 
 namespace zotdigest::testing {
 
 using Column = std::array<std::int64_t, 4>;
 using quorix::test::raisedIdentifier;
 
-inline std::uint64_t bitsOf(double x) { return std::bit_cast<std::uint64_t>(x); }
+using quorix::test::bitsOf;
+using quorix::test::seededStream;
 
 // A node column: mean, count, height, subtree count.
 inline Column node(double mean, std::int64_t count, std::int64_t height, std::int64_t subtree) {
@@ -38,10 +40,6 @@ inline quorix::HostArrayPtr makeMatrix(const std::vector<Column>& columns, std::
 
 inline std::vector<std::int64_t> elements(const quorix::HostArray& m) {
   return std::vector<std::int64_t>(m.data<std::int64_t>(), m.data<std::int64_t>() + m.numel());
-}
-
-inline std::unique_ptr<quorix::RandomStream> makeStream(std::uint64_t seed) {
-  return quorix::RandomStream::create("mrg32k3a", 1000000, seed);
 }
 
 // A digest of the given shape. The insert shapes put exactly n centroids in

@@ -52,7 +52,7 @@ TEST(SummaryLayout, rows_are_mean_bits_count_height_and_subtree_count_in_heap_or
 class SummaryRoundTrip : public ::testing::TestWithParam<testing::Shape> {};
 
 TEST_P(SummaryRoundTrip, every_size_comes_back_with_the_same_shape_and_bits) {
-  const auto stream = testing::makeStream(11);
+  const auto stream = testing::seededStream(11);
   for (int n = 0; n <= 300; ++n) {
     SCOPED_TRACE(n);
     const TDigest d = testing::makeDigest(GetParam(), n, *stream);
