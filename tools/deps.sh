@@ -35,5 +35,13 @@ echo "deps: installing ${missing[*]}"
 sudo=""
 if [[ $(id -u) -ne 0 ]]; then sudo="sudo"; fi
 export DEBIAN_FRONTEND=noninteractive
-$sudo apt-get update -qq
-$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+# apt and dpkg talk a lot: their output goes to a log, shown if they fail.
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+if ! { $sudo apt-get update -qq && $sudo apt-get install -y -qq -o Dpkg::Use-Pty=0 \
+         --no-install-recommends "${missing[@]}"; } >"$log" 2>&1; then
+  cat "$log" >&2
+  echo "deps: the installation failed (see above)" >&2
+  exit 1
+fi
+echo "deps: installed ${#missing[@]} packages and what they depend on"

@@ -104,10 +104,39 @@ pytest_dir() {
   fi
 }
 
+# step NAME COMMAND...: a check that is one command; its output goes to a
+# log, shown when it fails. Counts as one test.
+step() {
+  local name=$1 log="$logdir/$1.log"; shift
+  echo "== $name"
+  if "$@" >"$log" 2>&1; then
+    tail -n 3 "$log"
+    passed=$((passed + 1))
+  else
+    tail -n 40 "$log"
+    broken+=("$name")
+    failed=$((failed + 1))
+  fi
+}
+
+# install_consumer TREE: installs the tree's C++ package into a temporary
+# prefix, then builds and runs tests/install_consumer against it alone.
+install_consumer() {
+  local tree=$1 work
+  work=$(mktemp -d) || return 1
+  trap 'rm -rf "$work"' RETURN
+  cmake --install "$tree" --prefix "$work/prefix" --component dev &&
+    cmake -S tests/install_consumer -B "$work/build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+      -DCMAKE_PREFIX_PATH="$work/prefix" -DCMAKE_CXX_COMPILER="$(sed -n 's/^CMAKE_CXX_COMPILER:[A-Z]*=//p' "$tree/CMakeCache.txt")" &&
+    cmake --build "$work/build" &&
+    "$work/build/consumer" | tee "$work/out" && grep -qx 'median of 5 values: 3' "$work/out"
+}
+
 if build_tree release build -DCMAKE_BUILD_TYPE=RelWithDebInfo; then
   ctest_tree release build
   pytest_dir python python/tests
   pytest_dir cli tests/cli
+  step install-consumer install_consumer build
 fi
 
 if build_tree asan build-asan -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ \
@@ -134,6 +163,15 @@ else
   failed=$((failed + 1))
 fi
 
+# Everything the trees and the Python code used must come from a package
+# that `make deps` installs: a machine that has been worked on can hide a
+# missing install step.
+trees=()
+for t in build build-asan build-tsan; do [[ -f $t/build.ninja ]] && trees+=("$t"); done
+((${#trees[@]})) && step deps-cxx tools/deps_check_cxx.sh "${trees[@]}"
+if [[ -x ../shared/tools/deps-audit ]]; then
+  step deps-python ../shared/tools/deps-audit tools/deps.sh
+fi
 echo
 for name in "${skips[@]}"; do echo "skipped: $name"; done
 if ((${#broken[@]})); then echo "failing steps: ${broken[*]}"; fi
