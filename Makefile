@@ -3,7 +3,7 @@ SHELL := /bin/bash
 BUILD ?= build
 PY := /usr/bin/python3
 
-.PHONY: all deps build test demo bench asan tsan format clean
+.PHONY: all deps build test demo docs bench asan tsan format clean
 
 all: build
 
@@ -22,6 +22,10 @@ test: deps
 
 demo: deps build
 	@tools/demo.sh $(BUILD)
+
+# The README's pictures (docs/images), from data the script generates.
+docs: deps build
+	PYTHONPATH=$(BUILD)/python QUORIX_MODULE_PATH=$(BUILD)/lib $(PY) tools/make_docs.py docs/images
 
 bench: build
 	@tools/bench.sh $(BUILD)
