@@ -3,7 +3,7 @@ SHELL := /bin/bash
 BUILD ?= build
 PY := /usr/bin/python3
 
-.PHONY: all deps build demo-build test demo bench format clean
+.PHONY: all deps build demo-build test demo docs bench format clean
 
 # What the demo runs: the module, the runtime (a dependency of each), the
 # command-line tool and the Python package. Tests and benchmarks are left
@@ -31,6 +31,10 @@ demo-build: $(BUILD)/build.ninja
 demo: deps
 	@$(MAKE) --no-print-directory demo-build
 	@tools/demo.sh $(BUILD)
+
+# The README's pictures (docs/images), from data the script generates.
+docs: deps build
+	PYTHONPATH=$(BUILD)/python QUORIX_MODULE_PATH=$(BUILD)/lib $(PY) tools/make_docs.py docs/images
 
 bench: build
 	@tools/bench.sh $(BUILD)

@@ -58,6 +58,8 @@ def test_percentile_is_the_quantile_of_p_over_100_and_update_is_add():
     p = np.array([0.0, 1.0, 50.0, 99.9, 100.0])
     assert bits(d.percentile(p)) == bits(d.icdf(p / 100))
     assert bits(d.percentile(99.9)) == bits(d.icdf(99.9 / 100))
+    assert bits(d.percentile([1, 99.9])) == bits(d.icdf(np.array([1, 99.9]) / 100))
+    assert type(d.percentile(np.float64(5))) is type(d.icdf(np.float64(5) / 100))
     with pytest.raises(HostValueError):
         d.percentile(101)
     a, b = TDigest(None, 50), TDigest(None, 50)
@@ -176,6 +178,23 @@ def test_pickles_are_compact_restore_bit_for_bit_and_getstate_stays():
     d = TDigest(np.random.default_rng(1).normal(size=1_000_000), 100)
     blob = pickle.dumps(d)
     assert len(blob) < 20_000
+    # What Dask's workers send each other.
+    distributed = pytest.importorskip("distributed.protocol")
+    header, frames = distributed.serialize(d)
+    assert sum(len(f) for f in frames) < 20_000
+    assert state(distributed.deserialize(header, frames)) == state(d)
     assert state(pickle.loads(blob)) == state(d) == state(TDigest.from_bytes(d.to_bytes()))
     assert list(d.__getstate__()) == ["AVLTreeSummary", "Delta", "NumCentroids", "NumDataPoints"]
     assert state(TDigest.from_bytes(memoryview(TDigest().to_bytes()))) == state(TDigest())
+
+
+class Latencies(TDigest):
+    pass
+
+
+def test_a_subclass_pickles_and_copies_as_itself():
+    import copy
+
+    d = Latencies(np.arange(100.0))
+    for c in (pickle.loads(pickle.dumps(d)), copy.deepcopy(d), Latencies.from_bytes(d.to_bytes())):
+        assert type(c) is Latencies and state(c) == state(d)

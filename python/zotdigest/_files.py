@@ -74,13 +74,19 @@ def from_bytes(cls, data):
     any buffer). Raises ValueError naming the problem for bytes that are
     truncated, damaged, of another kind or of a newer version.
     """
-    return _core._from_compact(bytes(data))
+    digest = _core._from_compact(bytes(data))
+    if cls is TDigest:
+        return digest
+    # A subclass gets an instance of its own holding the same state.
+    made = cls.__new__(cls)
+    made.__setstate__(digest.__getstate__())
+    return made
 
 
 def _reduce(self):
     # Pickles and copies carry the compact form; __getstate__ still gives
     # the runtime's dict of properties.
-    return (TDigest.from_bytes, (self.to_bytes(),))
+    return (type(self).from_bytes, (self.to_bytes(),))
 
 
 def install():

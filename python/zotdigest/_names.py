@@ -29,9 +29,9 @@ def percentile(self, p):
     Shapes as quantile; a p outside [0, 100] raises HostValueError
     'stats:tdigest:IcdfInvalidQuantile'.
     """
-    if isinstance(p, _numbers.Real) and not isinstance(p, _np.generic):
-        return self.icdf(float(p) / 100.0)
-    return self.icdf(_np.divide(_np.asarray(p), 100))
+    if not isinstance(p, (_numbers.Real, _np.ndarray)):
+        p = _np.asarray(p)
+    return self.icdf(p / 100)
 
 
 def trimmed_mean(self, p):
