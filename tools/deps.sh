@@ -10,6 +10,7 @@ packages=(
   python3-dev pybind11-dev python3-numpy python3-pytest
   python3-dask python3-distributed
   xz-utils  # tools/tsan_tbb.sh unpacks the oneTBB source tarball
+  valgrind  # instruction counts of bench/callgrind/core_ops.cpp
 )
 
 missing=()
