@@ -339,22 +339,6 @@ void CentroidTree::noteEnds(CentroidNode* node) noexcept {
   if (last_ == nullptr || (node->parent == last_ && last_->right == node)) last_ = node;
 }
 
-CentroidNode* CentroidTree::next(const CentroidNode* node) noexcept {
-  if (node == nullptr) return nullptr;
-  if (node->right != nullptr) {
-    CentroidNode* n = node->right;
-    while (n->left != nullptr) n = n->left;
-    return n;
-  }
-  const CentroidNode* from = node;
-  CentroidNode* up = node->parent;
-  while (up != nullptr && up->right == from) {
-    from = up;
-    up = up->parent;
-  }
-  return up;
-}
-
 CentroidNode* CentroidTree::previous(const CentroidNode* node) noexcept {
   if (node == nullptr) return nullptr;
   if (node->left != nullptr) {
@@ -648,11 +632,10 @@ void CentroidTree::updateCentroid(double x, std::uint64_t w, CentroidNode* node,
   }
   if (runFirst != runLast) {
     restoreOrder(node, m, grownMean, runFirst, runLast);
-  } else if (grownMean > m && grownMean <= x) {
-    // The run starts at floor(x) or later, and in an ordered tree every
-    // node after floor(x) has a mean of at least x: still in order.
-  } else if (grownMean < m && node == at.after) {
-    noteGrownMean(node, m, grownMean, at.below, true);
+  } else if ((grownMean > m && grownMean <= x) || (grownMean < m && grownMean >= x)) {
+    // A run of one is below or after. In an ordered tree every node up to
+    // below has a mean under x and every later one a mean of at least x,
+    // so a mean that moved towards x without passing it is still in order.
   } else {
     noteGrownMean(node, m, grownMean, nullptr, false);
   }

@@ -262,4 +262,21 @@ class CentroidTree {
   bool meansOrdered_ = true;  // see meansOrdered()
 };
 
+// Inline: the walks along a run of centroids call it once per node.
+inline CentroidNode* CentroidTree::next(const CentroidNode* node) noexcept {
+  if (node == nullptr) return nullptr;
+  if (node->right != nullptr) {
+    CentroidNode* n = node->right;
+    while (n->left != nullptr) n = n->left;
+    return n;
+  }
+  const CentroidNode* from = node;
+  CentroidNode* up = node->parent;
+  while (up != nullptr && up->right == from) {
+    from = up;
+    up = up->parent;
+  }
+  return up;
+}
+
 }  // namespace zotdigest
