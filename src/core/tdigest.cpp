@@ -157,7 +157,13 @@ class Reservoir {
   }
 
   CentroidNode* candidate() {
-    draw();
+    if (pendingCount_ == 1) {  // the usual case, kept out of the batch's loop
+      pendingCount_ = 0;
+      seen_ += 1.0;
+      if (1.0 / seen_ >= random_.uniform()) candidate_ = pending_[0];
+    } else if (pendingCount_ > 1) {
+      draw();
+    }
     return candidate_;
   }
 
@@ -181,13 +187,6 @@ class Reservoir {
   // The k-th eligible centroid replaces the current choice with
   // probability 1/k.
   void draw() {
-    if (pendingCount_ == 0) return;
-    if (pendingCount_ == 1) {  // the usual case, without the batch's loop
-      pendingCount_ = 0;
-      seen_ += 1.0;
-      if (1.0 / seen_ >= random_.uniform()) candidate_ = pending_[0];
-      return;
-    }
     double u[kBatch];
     random_.uniform(u, pendingCount_);
     for (std::size_t i = 0; i < pendingCount_; ++i) {
