@@ -3,8 +3,11 @@
 // two full digests, with std::sort of the same ten million uniform values
 // as the yardstick. Run BM_Sort_Doubles first (registration order does
 // that): every add then also reports "vs_sort", its time per value over
-// sort's, measured in the same run. Timings are CPU time of one thread;
-// on a shared machine only ratios within one run mean much.
+// sort's, measured in the same run. Serial add of few distinct values (1,
+// 2, 5, 10 and 100 small integers, as a column of flags or status codes
+// gives them) reports "vs_uniform", its time per value over that of
+// uniform values at Delta 100 in the same run. Timings are CPU time of one
+// thread; on a shared machine only ratios within one run mean much.
 #include <benchmark/benchmark.h>
 #include <time.h>
 
@@ -58,6 +61,9 @@ double threadSeconds() {
 
 // Seconds per value of std::sort in this run; 0 until BM_Sort_Doubles ran.
 double sortSecondsPerValue = 0.0;
+// Seconds per value of adding uniform values at Delta 100 in this run; 0
+// until that case of BM_TDigest_Add ran.
+double uniformSecondsPerValue = 0.0;
 
 void reportPerValue(benchmark::State& state, std::size_t perIteration) {
   const auto items =
@@ -111,9 +117,41 @@ void BM_TDigest_Add(benchmark::State& state) {
   state.SetLabel(std::string(kInputNames[input]) + " delta " + std::to_string(state.range(1)));
   reportPerValue(state, kValues);
   state.counters["centroids"] = static_cast<double>(centroids);
-  if (sortSecondsPerValue > 0.0) {
-    const double perValue = seconds / static_cast<double>(state.iterations() * kValues);
-    state.counters["vs_sort"] = perValue / sortSecondsPerValue;
+  const double perValue = seconds / static_cast<double>(state.iterations() * kValues);
+  if (input == kUniform && state.range(1) == 100) uniformSecondsPerValue = perValue;
+  if (sortSecondsPerValue > 0.0) state.counters["vs_sort"] = perValue / sortSecondsPerValue;
+}
+
+// Serial add of n values drawn from `distinct` small integers at Delta 100:
+// every add of a repeated value walks the whole run of centroids of that
+// mean.
+void BM_TDigest_AddFew(benchmark::State& state) {
+  const auto distinct = static_cast<std::uint64_t>(state.range(0));
+  const auto n = static_cast<std::size_t>(state.range(1));
+  std::vector<double> data(n);
+  std::mt19937_64 rng(3);
+  for (double& x : data) x = static_cast<double>(rng() % distinct);
+  std::uint64_t total = 0;
+  std::uint64_t centroids = 0;
+  double seconds = 0.0;
+  for (auto _ : state) {
+    state.PauseTiming();
+    auto stream = seededStream(1);
+    TDigest digest;
+    digest.stream = stream.get();
+    state.ResumeTiming();
+    const double start = threadSeconds();
+    for (const double x : data) digest.add(x);
+    seconds += threadSeconds() - start;
+    total = digest.totalWeight;
+    centroids = digest.tree.size();
+  }
+  if (total != n) state.SkipWithError("the digest lost weight");
+  reportPerValue(state, n);
+  state.counters["centroids"] = static_cast<double>(centroids);
+  if (uniformSecondsPerValue > 0.0) {
+    const double perValue = seconds / static_cast<double>(state.iterations() * n);
+    state.counters["vs_uniform"] = perValue / uniformSecondsPerValue;
   }
 }
 
@@ -185,6 +223,11 @@ BENCHMARK(BM_Sort_Doubles)->Unit(benchmark::kMillisecond)->Iterations(1);
 BENCHMARK(BM_TDigest_Add)
     ->ArgNames({"input", "delta"})
     ->ArgsProduct({{kUniform, kNormal, kSorted}, {50, 100, 200}})
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(1);
+BENCHMARK(BM_TDigest_AddFew)
+    ->ArgNames({"distinct", "n"})
+    ->ArgsProduct({{1, 2, 5, 10, 100}, {200000, 1000000}})
     ->Unit(benchmark::kMillisecond)
     ->Iterations(1);
 BENCHMARK(BM_TDigest_Compress)

@@ -2,8 +2,12 @@
 // the element-wise apply on a 1 x 1 array) against the apply over an array
 // of one million arguments, which sweeps them in ascending order. The digest
 // holds one million normal values at delta 100 (well over a thousand
-// centroids), built once outside the timed loops.
+// centroids), built once outside the timed loops. The yardstick is
+// std::upper_bound over a sorted array of the same digest's means, run
+// first: each scalar call also reports "vs_upper_bound", its time per call
+// over the yardstick's, measured in the same run.
 #include <benchmark/benchmark.h>
+#include <time.h>
 
 #include <algorithm>
 #include <bit>
@@ -51,6 +55,34 @@ std::vector<double> arguments(ScalarQuery fn, std::size_t n, bool sorted) {
   return v;
 }
 
+// CPU time of this thread, so that both sides of a ratio use one clock.
+double threadSeconds() {
+  timespec t{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) * 1e-9;
+}
+
+// Seconds per std::upper_bound in this run; 0 until BM_UpperBound_Means ran.
+double upperBoundSeconds = 0.0;
+
+void BM_UpperBound_Means(benchmark::State& state) {
+  const TDigest& digest = sharedDigest();
+  std::vector<zotdigest::Centroid> listed;
+  digest.tree.listCentroids(listed);
+  std::vector<double> means;
+  for (const auto& c : listed) means.push_back(c.mean);
+  const std::vector<double> args = arguments(&zotdigest::cdf, kScalarArguments, false);
+  std::size_t i = 0;
+  const double start = threadSeconds();
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(std::upper_bound(means.begin(), means.end(), args[i]));
+    i = (i + 1) % kScalarArguments;
+  }
+  upperBoundSeconds = (threadSeconds() - start) / static_cast<double>(state.iterations());
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()));
+  state.counters["centroids"] = static_cast<double>(means.size());
+}
+
 void reportCentroids(benchmark::State& state, const TDigest& digest) {
   state.counters["centroids"] = static_cast<double>(digest.tree.size());
 }
@@ -59,12 +91,15 @@ void runScalar(benchmark::State& state, ScalarQuery fn) {
   const TDigest& digest = sharedDigest();
   const std::vector<double> args = arguments(fn, kScalarArguments, false);
   std::size_t i = 0;
+  const double start = threadSeconds();
   for (auto _ : state) {
     benchmark::DoNotOptimize(fn(digest, args[i]));
     i = (i + 1) % kScalarArguments;
   }
+  const double seconds = (threadSeconds() - start) / static_cast<double>(state.iterations());
   state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()));
   reportCentroids(state, digest);
+  if (upperBoundSeconds > 0.0) state.counters["vs_upper_bound"] = seconds / upperBoundSeconds;
 }
 
 void runApplyOne(benchmark::State& state, ScalarQuery fn) {
@@ -122,6 +157,7 @@ void BM_Icdf_Array(benchmark::State& state) { runArray(state, &zotdigest::icdf, 
 void BM_Cdf_ArraySorted(benchmark::State& state) { runArray(state, &zotdigest::cdf, true); }
 void BM_Icdf_ArraySorted(benchmark::State& state) { runArray(state, &zotdigest::icdf, true); }
 
+BENCHMARK(BM_UpperBound_Means)->Unit(benchmark::kNanosecond);
 BENCHMARK(BM_Cdf_Scalar)->Unit(benchmark::kNanosecond);
 BENCHMARK(BM_Icdf_Scalar)->Unit(benchmark::kNanosecond);
 BENCHMARK(BM_Cdf_ApplyOne)->Unit(benchmark::kNanosecond);

@@ -39,6 +39,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cmath>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -257,7 +258,10 @@ bool CentroidTree::NodePool::owns(const CentroidNode* node) const noexcept {
 CentroidTree::~CentroidTree() { clear(); }
 
 CentroidTree::CentroidTree(const CentroidTree& other)
-    : size_(other.size_), adopted_(other.adopted_) {
+    : size_(other.size_),
+      adopted_(other.adopted_),
+      countsFit_(other.countsFit_),
+      meansOrdered_(other.meansOrdered_) {
   if (other.root_ == nullptr) return;
   // An adopted tree's size may be anything; a tree of its own counts its
   // nodes exactly, and one slab then holds the copy.
@@ -305,7 +309,9 @@ CentroidTree::CentroidTree(CentroidTree&& other) noexcept
       last_(std::exchange(other.last_, nullptr)),
       size_(std::exchange(other.size_, 0)),
       pool_(std::move(other.pool_)),
-      adopted_(std::exchange(other.adopted_, false)) {}
+      adopted_(std::exchange(other.adopted_, false)),
+      countsFit_(std::exchange(other.countsFit_, true)),
+      meansOrdered_(std::exchange(other.meansOrdered_, true)) {}
 
 CentroidTree& CentroidTree::operator=(CentroidTree&& other) noexcept {
   if (this != &other) {
@@ -316,6 +322,8 @@ CentroidTree& CentroidTree::operator=(CentroidTree&& other) noexcept {
     size_ = std::exchange(other.size_, 0);
     pool_ = std::move(other.pool_);  // frees this tree's slabs
     adopted_ = std::exchange(other.adopted_, false);
+    countsFit_ = std::exchange(other.countsFit_, true);
+    meansOrdered_ = std::exchange(other.meansOrdered_, true);
   }
   return *this;
 }
@@ -329,22 +337,6 @@ CentroidNode* CentroidTree::last() const noexcept { return adopted_ ? descendLas
 void CentroidTree::noteEnds(CentroidNode* node) noexcept {
   if (first_ == nullptr || (node->parent == first_ && first_->left == node)) first_ = node;
   if (last_ == nullptr || (node->parent == last_ && last_->right == node)) last_ = node;
-}
-
-CentroidNode* CentroidTree::next(const CentroidNode* node) noexcept {
-  if (node == nullptr) return nullptr;
-  if (node->right != nullptr) {
-    CentroidNode* n = node->right;
-    while (n->left != nullptr) n = n->left;
-    return n;
-  }
-  const CentroidNode* from = node;
-  CentroidNode* up = node->parent;
-  while (up != nullptr && up->right == from) {
-    from = up;
-    up = up->parent;
-  }
-  return up;
 }
 
 CentroidNode* CentroidTree::previous(const CentroidNode* node) noexcept {
@@ -456,6 +448,50 @@ CentroidTree::Location CentroidTree::locate(double x) const noexcept {
   return at;
 }
 
+template <class GoesLeft>
+CentroidTree::Split CentroidTree::split(GoesLeft goesLeft) const noexcept {
+  // Each turn keeps the node it leaves: the last one passed on the right is
+  // the last false, the last one passed on the left the first true, and
+  // the one before each on its side is its neighbour when it has no child
+  // on the far side.
+  Split s;
+  std::uint64_t base = 0;  // counts before the subtree at hand
+  for (const CentroidNode* node = root_; node != nullptr;) {
+    const std::uint64_t head = base + subtreeCountOf(node->left);
+    const std::uint64_t through = head + node->count;
+    if (goesLeft(node, through)) {
+      s.afterUp = s.after;
+      s.after = node;
+      s.afterHead = head;
+      node = node->left;
+    } else {
+      s.beforeUp = s.before;
+      s.before = node;
+      base = through;
+      node = node->right;
+    }
+  }
+  if (s.after == nullptr) s.afterHead = base;
+  return s;
+}
+
+CentroidTree::Split CentroidTree::splitAboveMean(double x) const noexcept {
+  return split([x](const CentroidNode* node, std::uint64_t) { return node->mean > x; });
+}
+
+CentroidTree::Split CentroidTree::splitAboveRunning(double target) const noexcept {
+  return split(
+      [target](const CentroidNode*, std::uint64_t through) { return toDouble(through) > target; });
+}
+
+const CentroidNode* CentroidTree::previousOfBefore(const Split& s) noexcept {
+  return s.before->left != nullptr ? descendLast(s.before->left) : s.beforeUp;
+}
+
+const CentroidNode* CentroidTree::nextOfAfter(const Split& s) noexcept {
+  return s.after->right != nullptr ? descendFirst(s.after->right) : s.afterUp;
+}
+
 CentroidNode* CentroidTree::next(const CentroidNode* node, const Location& at) noexcept {
   if (node != at.after || !at.pathKnown || node->right != nullptr) return next(node);
   // After's successor is the node where the descent last turned left
@@ -471,6 +507,8 @@ CentroidNode* CentroidTree::insertAt(const Location& at, double mean, std::uint6
   for (std::uint64_t turns = at.leftTurns; turns != 0; turns &= turns - 1) {
     if (at.path[std::countr_zero(turns)]->mean == mean) return insert(mean, count);
   }
+  noteCountAdded(count);
+  if (std::isnan(mean)) meansOrdered_ = false;
   CentroidNode* node = pool_.make(mean, count);
   if (at.depth == 0) {
     root_ = node;
@@ -527,6 +565,9 @@ void CentroidTree::settleInsert(CentroidNode* node, const Location* at) {
 }
 
 CentroidNode* CentroidTree::insert(double mean, std::uint64_t count) {
+  // Placed by the means, a new node keeps them in order unless it is NaN.
+  noteCountAdded(count);
+  if (std::isnan(mean)) meansOrdered_ = false;
   CentroidNode* node = pool_.make(mean, count);
   if (root_ == nullptr) {
     root_ = node;
@@ -555,10 +596,15 @@ void CentroidTree::updateCentroid(double x, std::uint64_t w, CentroidNode* node,
   const double m = node->mean;
   const std::uint64_t grown = c + w;
   const double grownMean = (toDouble(c) * m + toDouble(w) * x) / toDouble(grown);
+  noteCountAdded(w);
   node->count = grown;
   node->mean = grownMean;
   carryCount(node, w);
-  if (runFirst != runLast) restoreOrder(node, m, grownMean, runFirst, runLast);
+  if (runFirst != runLast) {
+    restoreOrder(node, m, grownMean, runFirst, runLast);
+  } else {
+    noteGrownMean(node, m, grownMean, nullptr, false);
+  }
 }
 
 void CentroidTree::updateCentroid(double x, std::uint64_t w, CentroidNode* node,
@@ -568,6 +614,7 @@ void CentroidTree::updateCentroid(double x, std::uint64_t w, CentroidNode* node,
   const double m = node->mean;
   const std::uint64_t grown = c + w;
   const double grownMean = (toDouble(c) * m + toDouble(w) * x) / toDouble(grown);
+  noteCountAdded(w);
   node->count = grown;
   node->mean = grownMean;
   // Below and after are equally likely: told apart without a branch.
@@ -583,29 +630,68 @@ void CentroidTree::updateCentroid(double x, std::uint64_t w, CentroidNode* node,
   } else {
     carryCount(node, w);
   }
-  if (runFirst != runLast) restoreOrder(node, m, grownMean, runFirst, runLast);
+  if (runFirst != runLast) {
+    restoreOrder(node, m, grownMean, runFirst, runLast);
+  } else if ((grownMean > m && grownMean <= x) || (grownMean < m && grownMean >= x)) {
+    // A run of one is below or after. In an ordered tree every node up to
+    // below has a mean under x and every later one a mean of at least x,
+    // so a mean that moved towards x without passing it is still in order.
+  } else {
+    noteGrownMean(node, m, grownMean, nullptr, false);
+  }
 }
 
 void CentroidTree::restoreOrder(CentroidNode* node, double m, double grownMean,
                                 CentroidNode* runFirst, CentroidNode* runLast) {
   // The grown values must move past every node that still holds the old
   // mean, within the run, so the in-order sequence stays sorted.
+  // Each walk ends with `beyond` the neighbour of target on the side the
+  // mean moved to, which is all the order check needs.
   CentroidNode* target = node;
+  CentroidNode* beyond = nullptr;
   if (grownMean > m) {
-    for (CentroidNode* n = next(node); n != nullptr && n->mean == m && target != runLast;
-         n = next(n)) {
-      target = n;
+    beyond = next(node);
+    while (beyond != nullptr && beyond->mean == m && target != runLast) {
+      target = beyond;
+      beyond = next(beyond);
     }
   } else if (grownMean < m) {
-    for (CentroidNode* n = previous(node); n != nullptr && n->mean == m && target != runFirst;
-         n = previous(n)) {
-      target = n;
+    beyond = previous(node);
+    while (beyond != nullptr && beyond->mean == m && target != runFirst) {
+      target = beyond;
+      beyond = previous(beyond);
     }
   }
-  swapContents(node, target);
+  exchange(node, target);
+  noteGrownMean(target, m, grownMean, beyond, true);
+}
+
+void CentroidTree::noteGrownMean(const CentroidNode* at, double m, double grownMean,
+                                 const CentroidNode* towards, bool towardsKnown) noexcept {
+  if (!meansOrdered_ || adopted_ || grownMean == m) return;
+  if (grownMean > m) {
+    const CentroidNode* n = towardsKnown ? towards : next(at);
+    meansOrdered_ = n == nullptr || grownMean <= n->mean;
+  } else if (grownMean < m) {
+    const CentroidNode* n = towardsKnown ? towards : previous(at);
+    meansOrdered_ = n == nullptr || n->mean <= grownMean;
+  } else {
+    meansOrdered_ = false;  // NaN, as from infinities of both signs
+  }
+}
+
+void CentroidTree::noteCountAdded(std::uint64_t w) noexcept {
+  const std::uint64_t total = root_ != nullptr ? root_->subtreeCount : 0;
+  if (total + w < total) countsFit_ = false;
 }
 
 void CentroidTree::swapContents(CentroidNode* a, CentroidNode* b) {
+  // Exchanging different means puts them out of order.
+  if (a != b && !(a->mean == b->mean)) meansOrdered_ = false;
+  exchange(a, b);
+}
+
+void CentroidTree::exchange(CentroidNode* a, CentroidNode* b) {
   if (a == b) return;
   const std::uint64_t countA = a->count;
   const std::uint64_t countB = b->count;
@@ -651,6 +737,8 @@ void CentroidTree::clear() noexcept {
   last_ = nullptr;
   size_ = 0;
   const bool adopted = std::exchange(adopted_, false);
+  countsFit_ = true;
+  meansOrdered_ = true;
   pool_.reset();
   // Only an adopted structure can hold nodes of its own allocation.
   if (!adopted || node == nullptr) return;

@@ -134,6 +134,48 @@ class CentroidTree {
   // until the next clear().
   bool aggregatesExact() const noexcept { return !adopted_; }
 
+  // --- searches by descent -------------------------------------------------
+  // An ordered walk that stops at the first node where a test turns true
+  // reaches, when the test stays true from there on, the same node as one
+  // descent. Two such tests are offered, each safe only on the trees that
+  // the matching promise below covers.
+  //
+  // runningCountsExact(): the running count of every node (the sum of the
+  // counts up to and including it) is below 2^64 and follows from the
+  // subtree counts. The tree knows it from its total: every insertion and
+  // growth of a count checks that the sum of all counts did not wrap, and
+  // once it has, the promise is off until the next clear(). Never made for
+  // an adopted structure.
+  bool runningCountsExact() const noexcept { return !adopted_ && countsFit_; }
+  // meansOrdered(): no mean is NaN and the means never decrease in order.
+  // Insertion keeps that for any mean but NaN; growing a centroid checks the
+  // grown mean against its neighbours in its new place (rounding, or a mean
+  // made from infinities of both signs, can break the order), and once it
+  // breaks the promise is off until the next clear(). Never made for an
+  // adopted structure. Implies aggregatesExact().
+  bool meansOrdered() const noexcept { return !adopted_ && meansOrdered_; }
+
+  // Where a descent parts the nodes: `before` is the last node in order for
+  // which the test is false, `after` the first for which it is true (null
+  // when there is none). `beforeUp` is previous(before) when before has no
+  // left child, `afterUp` next(after) when after has no right child; the
+  // two helpers below finish the neighbours from them.
+  struct Split {
+    const CentroidNode* before = nullptr;
+    const CentroidNode* beforeUp = nullptr;
+    const CentroidNode* after = nullptr;
+    const CentroidNode* afterUp = nullptr;
+    std::uint64_t afterHead = 0;  // headSum(after); the whole sum when after is null
+  };
+  // The first node whose mean is above x (for x NaN: none). Needs
+  // meansOrdered().
+  Split splitAboveMean(double x) const noexcept;
+  // The first node whose running count, converted to double, is above
+  // `target`. Needs runningCountsExact().
+  Split splitAboveRunning(double target) const noexcept;
+  static const CentroidNode* previousOfBefore(const Split& s) noexcept;
+  static const CentroidNode* nextOfAfter(const Split& s) noexcept;
+
  private:
   // Slabs of node storage, handed out in order and taken back all at once.
   class NodePool {
@@ -195,12 +237,46 @@ class CentroidTree {
   // every query. An adopted tree descends.
   void noteEnds(CentroidNode* node) noexcept;
 
+  // The descent behind both splits: goesLeft(node, running count through
+  // node) is the test.
+  template <class GoesLeft>
+  Split split(GoesLeft goesLeft) const noexcept;
+  // Notes a count of w joining the tree: off with the promise if the sum of
+  // all counts wraps.
+  void noteCountAdded(std::uint64_t w) noexcept;
+  // swapContents without the order check, for moves within a run of equal
+  // means.
+  void exchange(CentroidNode* a, CentroidNode* b);
+  // Checks the grown mean of the node at `at` against the neighbour the
+  // mean moved towards (`towards`, already known, or null to look it up).
+  void noteGrownMean(const CentroidNode* at, double m, double grownMean,
+                     const CentroidNode* towards, bool towardsKnown) noexcept;
+
   CentroidNode* root_ = nullptr;
   CentroidNode* first_ = nullptr;
   CentroidNode* last_ = nullptr;
   std::uint64_t size_ = 0;
   NodePool pool_;
   bool adopted_ = false;
+  bool countsFit_ = true;     // see runningCountsExact()
+  bool meansOrdered_ = true;  // see meansOrdered()
 };
+
+// Inline: the walks along a run of centroids call it once per node.
+inline CentroidNode* CentroidTree::next(const CentroidNode* node) noexcept {
+  if (node == nullptr) return nullptr;
+  if (node->right != nullptr) {
+    CentroidNode* n = node->right;
+    while (n->left != nullptr) n = n->left;
+    return n;
+  }
+  const CentroidNode* from = node;
+  CentroidNode* up = node->parent;
+  while (up != nullptr && up->right == from) {
+    from = up;
+    up = up->parent;
+  }
+  return up;
+}
 
 }  // namespace zotdigest

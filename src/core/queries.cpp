@@ -1,6 +1,9 @@
 // cdf and icdf: ordered walks over the centroid tree, kept in cursors so
 // that a sweep over ascending arguments resumes each walk instead of
 // starting it again (see queries.h for why that stops at the same centroid).
+// A scalar call on a tree that promises what a descent needs (see
+// CentroidTree::meansOrdered and runningCountsExact) descends to the
+// centroid the walk would stop at instead; any other tree gets the walk.
 //
 // Counts enter floating point through toDouble only, after any unsigned
 // addition. Neither walk reads a neighbour that does not exist: a decoded
@@ -71,7 +74,51 @@ double CdfCursor::operator()(double x) {
   return (toDouble(cur_->count) * (x - lo) / (hi - lo) + toDouble(cum_)) / total_;
 }
 
-double cdf(const TDigest& digest, double x) { return CdfCursor(digest)(x); }
+// On a tree whose means are ordered, finite and no further apart than the
+// largest double, every midpoint m + (m' - m) x 0.5 that the walk compares
+// with lies between the two means it is made from (rounding cannot carry it
+// past either). So the walk stops at the first centroid above x or at the
+// one before it, whichever the midpoint test picks; one descent finds both,
+// and the answer is formed from the same operands as the walk's.
+double cdf(const TDigest& digest, double x) {
+  const CentroidTree& tree = digest.tree;
+  if (!tree.meansOrdered() || tree.size() < 2) return CdfCursor(digest)(x);
+  const CentroidNode* first = tree.first();
+  const CentroidNode* last = tree.last();
+  if (first->mean > x) return 0.0;
+  if (x >= last->mean) return 1.0;
+  if (!(last->mean - first->mean < std::numeric_limits<double>::infinity())) {
+    return CdfCursor(digest)(x);
+  }
+
+  const CentroidTree::Split s = tree.splitAboveMean(x);
+  if (s.after == nullptr) return 1.0;  // x NaN: the walk passes every centroid
+  // Between first and last: both sides of the split exist.
+  const CentroidNode* below = s.before;
+  const CentroidNode* above = s.after;
+  const double gap = (above->mean - below->mean) * 0.5;
+  const CentroidNode* cur = nullptr;
+  std::uint64_t cum = 0;
+  double half = 0.0;
+  double prevHalf = 0.0;
+  if (below->mean + gap > x) {
+    cur = below;
+    cum = s.afterHead - below->count;
+    half = gap;
+    const CentroidNode* pred = CentroidTree::previousOfBefore(s);
+    prevHalf = pred != nullptr ? (below->mean - pred->mean) * 0.5 : half;
+  } else {
+    cur = above;
+    cum = s.afterHead;
+    prevHalf = gap;
+    const CentroidNode* succ = CentroidTree::nextOfAfter(s);
+    half = succ != nullptr ? (succ->mean - above->mean) * 0.5 : prevHalf;
+  }
+  const double hi = cur->mean + half;
+  const double lo = cur->mean - prevHalf;
+  return (toDouble(cur->count) * (x - lo) / (hi - lo) + toDouble(cum)) /
+         toDouble(digest.totalWeight);
+}
 
 // --- icdf ----------------------------------------------------------------
 
@@ -121,6 +168,25 @@ double IcdfCursor::operator()(double q) {
   return cur_->mean;  // no neighbour at all: only on a malformed tree
 }
 
-double icdf(const TDigest& digest, double q) { return IcdfCursor(digest)(q); }
+// Running counts that cannot wrap never decrease, so neither do their
+// conversions to double: the walk's test stays true once it turns true,
+// and one descent finds the centroid and the running count it stops with.
+double icdf(const TDigest& digest, double q) {
+  const CentroidTree& tree = digest.tree;
+  if (!tree.runningCountsExact() || tree.size() < 2) return IcdfCursor(digest)(q);
+  IcdfCursor::checkQuantile(q);
+
+  const double target = q * toDouble(digest.totalWeight);
+  const CentroidTree::Split s = tree.splitAboveRunning(target);
+  if (s.after == nullptr) return tree.last()->mean;
+  const CentroidNode* cur = s.after;
+  const CentroidNode* pred = s.before;
+  const CentroidNode* succ = CentroidTree::nextOfAfter(s);
+  const double t = (target - toDouble(s.afterHead)) / toDouble(cur->count) - 0.5;
+  if (succ != nullptr && (pred == nullptr || t > 0)) {
+    return cur->mean + (succ->mean - cur->mean) * t;
+  }
+  return cur->mean + (cur->mean - pred->mean) * t;
+}
 
 }  // namespace zotdigest

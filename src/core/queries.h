@@ -33,9 +33,12 @@ double icdf(const TDigest& digest, double q);
 // the same running state as a walk from the first centroid. A cursor keeps
 // that state between calls: over arguments in ascending order it passes
 // each centroid once in all; an argument below the last one (or NaN) starts
-// the walk again. The scalar cdf and icdf are a fresh cursor's single call,
-// so the two forms share every formula. A cursor borrows the digest, which
-// must not change while the cursor is in use.
+// the walk again. A cursor borrows the digest, which must not change while
+// the cursor is in use. The scalar cdf and icdf descend to the centroid the
+// walk stops at, with the same running count, where the tree promises that
+// this is the same centroid (ordered means for cdf, running counts that
+// cannot wrap for icdf), and are a fresh cursor's single call otherwise;
+// either way the answer comes from the same operands by the same formula.
 
 class CdfCursor {
  public:

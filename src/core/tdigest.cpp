@@ -30,6 +30,11 @@
 // trusted, gets headSum itself. A new centroid is linked where that same
 // descent ended whenever the insertion's own search would take the same
 // path, and a grown one carries its weight up along the recorded path.
+// On a tree with ordered means and a finite x the run is found and offered
+// in one pass (addToOrdered), which matters for a column of few distinct
+// values, where each add walks a run of hundreds of equal means: its
+// eligibility test avoids the divisions where it safely can, and the draws
+// of its eligible centroids are made in batches (Reservoir).
 #include "core/tdigest.h"
 
 #include <algorithm>
@@ -105,6 +110,156 @@ Compression compressDigest(TDigest& digest, Nesting& nesting) {
   return Compression::Rebuilt;
 }
 
+// The reservoir choice among the eligible centroids of a run, offered in
+// order with the head sum of each.
+//
+// Eligible centroids wait in a small batch and their uniform values are
+// drawn together: the same values in the same order as one draw per
+// centroid, since nothing else draws in between.
+//
+// The test bound >= count + w needs two divisions per centroid, and a run
+// of equal means can be hundreds of centroids long. It is first made with
+// reciprocals: the rounding of the two forms differs by far less than
+// `slack` (a bound on the difference, with a margin of four), so where the
+// reciprocal form is further than that from the threshold both forms
+// agree, and only near it is the exact form evaluated. The shortcut is
+// taken only where nothing can overflow or lose its normal precision on
+// the way (a positive total, a normal reciprocal of delta, a threshold of
+// at least 1), and only once a run proves long: most runs are one or two
+// centroids, for which the reciprocals would cost more than they save.
+class Reservoir {
+ public:
+  Reservoir(TDigest& digest, std::uint64_t w)
+      : random_(streamOf(digest)),
+        w_(w),
+        delta_(digest.delta),
+        total_(toDouble(digest.totalWeight)),
+        fourTotal_(toDouble(UINT64_C(4) * digest.totalWeight)) {}
+
+  // For a run that goes on past its first centroids.
+  void expectLongRun() {
+    inverseTotal_ = 1.0 / total_;
+    inverseDelta_ = 1.0 / delta_;
+    slackScale_ = fourTotal_ * inverseDelta_ * 0x1p-46;
+    shortcut_ = total_ > 0.0 && delta_ > 0.0 &&
+                inverseDelta_ >= std::numeric_limits<double>::min() &&
+                inverseDelta_ < std::numeric_limits<double>::infinity();
+  }
+
+  void offer(CentroidNode* node, std::uint64_t before) {
+    const double need = toDouble(node->count + w_);
+    const double half = toDouble(node->count) * 0.5 + toDouble(before);
+    // Written without a branch on the test, which is as good as random
+    // along a run.
+    pending_[pendingCount_] = node;
+    pendingCount_ += eligible(half, need) ? 1 : 0;
+    if (pendingCount_ == kBatch) draw();
+  }
+
+  CentroidNode* candidate() {
+    if (pendingCount_ == 1) {  // the usual case, kept out of the batch's loop
+      pendingCount_ = 0;
+      seen_ += 1.0;
+      if (1.0 / seen_ >= random_.uniform()) candidate_ = pending_[0];
+    } else if (pendingCount_ > 1) {
+      draw();
+    }
+    return candidate_;
+  }
+
+ private:
+  static constexpr std::size_t kBatch = 64;
+
+  bool eligible(double half, double need) const {
+    if (shortcut_ && need >= 1.0) {
+      const double q = half * inverseTotal_;
+      const double bound = fourTotal_ * q * (1.0 - q) * inverseDelta_;
+      const double spread = 1.0 + std::fabs(q);
+      const double slack = slackScale_ * (spread * spread);
+      if (bound - slack >= need) return true;
+      if (bound + slack < need) return false;
+    }
+    const double q = half / total_;
+    const double bound = fourTotal_ * q * (1.0 - q) / delta_;
+    return bound >= need;
+  }
+
+  // The k-th eligible centroid replaces the current choice with
+  // probability 1/k.
+  void draw() {
+    double u[kBatch];
+    random_.uniform(u, pendingCount_);
+    for (std::size_t i = 0; i < pendingCount_; ++i) {
+      seen_ += 1.0;
+      if (1.0 / seen_ >= u[i]) candidate_ = pending_[i];
+    }
+    pendingCount_ = 0;
+  }
+
+  quorix::RandomStream& random_;
+  const std::uint64_t w_;
+  const double delta_;
+  const double total_;      // totalWeight, not yet counting w
+  const double fourTotal_;  // 4 x totalWeight, wrapped before conversion
+  double inverseTotal_ = 0.0;
+  double inverseDelta_ = 0.0;
+  double slackScale_ = 0.0;
+  bool shortcut_ = false;
+  CentroidNode* pending_[kBatch];
+  std::size_t pendingCount_ = 0;
+  CentroidNode* candidate_ = nullptr;
+  double seen_ = 0.0;
+};
+
+// The nearest run found and offered in one pass, for a finite x on a tree
+// whose means are ordered (CentroidTree::meansOrdered). Every node after
+// floor(x) then has a mean of at least x, so the distances from `after` on
+// never decrease: the run's first node is settled by below and after
+// alone, and each later node can be offered as soon as it is reached. The
+// distances, the comparisons and the order of the offers are those of the
+// general walk.
+void addToOrdered(CentroidTree& tree, const CentroidTree::Location& at, double x, std::uint64_t w,
+                  Reservoir& reservoir) {
+  CentroidNode* const below = at.below;
+  CentroidNode* const after = at.after;
+  const double inf = std::numeric_limits<double>::infinity();
+  // The walk's best distance once below is passed is below's distance (or
+  // +inf, which is the same when below is that far).
+  const double dBelow = below != nullptr ? std::fabs(below->mean - x) : inf;
+  const double dAfter = after != nullptr ? std::fabs(after->mean - x) : inf;
+  const bool withBelow = below != nullptr && !(after != nullptr && dAfter < dBelow);
+  const bool withAfter = after != nullptr && !(below != nullptr && dAfter > dBelow);
+
+  CentroidNode* runLast = below;
+  std::uint64_t before = below != nullptr ? at.belowHead : 0;
+  if (below != nullptr) {
+    if (withBelow) reservoir.offer(below, before);
+    before += below->count;
+  }
+  if (withAfter) {
+    reservoir.offer(after, before);
+    before += after->count;
+    runLast = after;
+    CentroidNode* node = CentroidTree::next(after, at);
+    if (node != nullptr && !(std::fabs(node->mean - x) > dAfter)) {
+      reservoir.expectLongRun();
+      do {
+        reservoir.offer(node, before);
+        before += node->count;
+        runLast = node;
+        node = CentroidTree::next(node);
+      } while (node != nullptr && !(std::fabs(node->mean - x) > dAfter));
+    }
+  }
+
+  CentroidNode* const candidate = reservoir.candidate();
+  if (candidate != nullptr) {
+    tree.updateCentroid(x, w, candidate, withBelow ? below : after, runLast, at);
+  } else {
+    tree.insertAt(at, x, w);
+  }
+}
+
 void addValue(TDigest& digest, double x, std::uint64_t w, Nesting& nesting) {
   // The host's NaN test, inline on this hot path.
   if (std::isnan(x)) return;
@@ -114,6 +269,9 @@ void addValue(TDigest& digest, double x, std::uint64_t w, Nesting& nesting) {
   CentroidNode* start = at.below != nullptr ? at.below : at.after;
   if (start == nullptr) {
     tree.insertAt(at, x, w);
+  } else if (tree.meansOrdered() && std::isfinite(x)) {
+    Reservoir reservoir(digest, w);
+    addToOrdered(tree, at, x, w, reservoir);
   } else {
     // The run of centroids nearest to x, walking forward from start, with
     // the head sum of each node walked.

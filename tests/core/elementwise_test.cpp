@@ -34,8 +34,9 @@ const double kNaN = std::nan("");
 // Inserted: as insertion builds it, the total their sum. Chain: nodes linked
 // by hand as a right-leaning chain and adopted with the given size and
 // total, as a decoder may hand them over. Sampled: `size` log-uniform values
-// (half of them on a grid of duplicates when total != 0).
-enum class Kind { Inserted, Chain, Sampled };
+// (half of them on a grid of duplicates when total != 0). Grown: inserted,
+// then `adds` added at Delta 0.5 on the stream seeded with `size`.
+enum class Kind { Inserted, Chain, Sampled, Grown };
 
 struct DigestCase {
   std::string name;
@@ -43,10 +44,20 @@ struct DigestCase {
   std::vector<Centroid> centroids;
   std::uint64_t size;
   std::uint64_t total;
+  std::vector<double> adds = {};
 };
 
 TDigest make(const DigestCase& c) {
   if (c.kind == Kind::Inserted) return testing::digestOf(c.centroids);
+  if (c.kind == Kind::Grown) {
+    TDigest digest = testing::digestOf(c.centroids);
+    const auto stream = testing::seededStream(c.size);
+    digest.delta = 0.5;
+    digest.stream = stream.get();
+    for (const double x : c.adds) digest.add(x);
+    digest.stream = nullptr;
+    return digest;
+  }
   if (c.kind == Kind::Sampled) {
     testing::SeededDigest s(c.size);
     for (std::uint64_t i = 0; i < c.size; ++i) {
@@ -90,6 +101,26 @@ std::vector<DigestCase> digestLadder() {
       {"size_says_one", K::Chain, {{1, 2}, {2, 3}, {3, 1}}, 1, 6},
       {"size_says_zero", K::Chain, {{1, 2}, {2, 3}, {3, 1}}, 0, 6},
       {"unsorted_chain", K::Chain, {{3, 2}, {-1, 4}, {8, 1}, {0.5, 9}, {kNaN, 2}, {2, 3}}, 2, 21},
+      // Trees of their own that break what a descent needs: running counts
+      // that wrap, a NaN mean between finite ones, and a mean grown past
+      // its neighbour (x = -1 is equally far from 1e-20 and 2e-20, and the
+      // second grows).
+      {"wrapping_counts",
+       K::Inserted,
+       {{1, 1}, {2, kHuge / 2 + 1}, {3, kHuge / 2 + 1}, {4, 1}, {5, 1}, {6, 1}},
+       0,
+       0},
+      {"inserted_nan_mean",
+       K::Inserted,
+       {{1, 2}, {2, 2}, {3, 1}, {kNaN, 3}, {5, 2}, {6, 1}, {7, 1}},
+       0,
+       0},
+      {"grown_out_of_order",
+       K::Grown,
+       {{-5, 1000}, {1e-20, 1000}, {2e-20, 1000}, {3, 1000}, {4, 1000}, {5, 1000}, {6, 1000}},
+       4,
+       0,
+       {-1.0}},
   };
 }
 
