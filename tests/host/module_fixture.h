@@ -100,13 +100,4 @@ inline std::uint64_t countProperty(const HostArray& object, const char* name) {
   return ObjectSystem::getProperty(object, name)->data<std::uint64_t>()[0];
 }
 
-// The centroids (means, counts) of a digest object, through the method.
-inline std::pair<std::vector<double>, std::vector<std::uint64_t>> centroidsOf(
-    const HostArray& digest) {
-  std::vector<HostArrayPtr> out = call("centroids", 2, {&digest});
-  const std::size_t n = out.at(0)->numel();
-  return {{out[0]->data<double>(), out[0]->data<double>() + n},
-          {out[1]->data<std::uint64_t>(), out[1]->data<std::uint64_t>() + n}};
-}
-
 }  // namespace zotdigest::hosttest
