@@ -57,16 +57,10 @@ std::vector<Column> digestColumns(double delta, int values, std::uint64_t seed) 
   return columnsOf(*encodeSummary(d.tree));
 }
 
+// NumDataPoints given as 1000 where the mode takes it from the control block.
 Control control(std::uint8_t steps, std::uint8_t deltaIndex, std::uint8_t adds,
                 std::uint8_t totalMode, std::uint32_t seed) {
-  Control c;
-  c.steps = steps;
-  c.deltaIndex = deltaIndex;
-  c.addCount = adds;
-  c.totalMode = totalMode;
-  c.total = 1000;
-  c.seed = seed;
-  return c;
+  return Control{steps, deltaIndex, adds, totalMode, 1000, seed};
 }
 
 }  // namespace

@@ -1,25 +1,15 @@
-// libFuzzer target: decodes arbitrary bytes as a summary matrix and runs
-// every digest operation on the result.
+// libFuzzer target: decodes arbitrary bytes as a summary matrix (trusting
+// all but the row count: rootless sizes, junk heights and subtree counts,
+// unsorted or NaN means, wrapping counts) and runs every digest operation on
+// the result. Besides staying memory-safe and finishing, it checks that
+// queries raise only their documented errors, that a consistent decoded tree
+// round-trips to the same bytes, and that a merge (a rebuild by insertion)
+// leaves a consistent AVL tree of exactly size() nodes.
 //
-// Decoding trusts everything but the row count, so a decoded tree may have a
-// rootless size, junk heights and subtree counts, unsorted or NaN means and
-// counts that wrap. The operations after it may produce meaningless numbers
-// but must stay memory-safe and finish. Besides the sanitizers, the target
-// checks what must hold whatever came in:
-//  - queries raise only the errors they document;
-//  - a decoded tree that is a consistent AVL tree re-encodes to a matrix
-//    that decodes to the same tree and encodes to the same bytes;
-//  - a merge into this digest rebuilds it from scratch by insertion, so
-//    afterwards its tree is a consistent AVL tree of exactly size() nodes.
-//
-// Work per execution is bounded: at most kMaxColumns decoded centroids,
-// kMaxAdds adds, and merges that list at most kMaxMergeList centroids. A
-// digest whose centroids cannot absorb anything (counts so heavy that
-// 4 x totalWeight wraps) and that holds more than 20 x delta centroids runs
-// a 64-deep nest of compressions before it gives up, about 64 x 20 x delta
-// insertions; a compress or merge gives up once for all its re-adds, but
-// every separate add pays again. The bounds keep that well inside the
-// timeout, so that a timeout still points at a loop that does not end.
+// Work per input is bounded (kMaxColumns centroids, kMaxAdds adds, merges of
+// at most kMaxMergeList centroids): a digest whose counts wrap 4 x total and
+// that holds more than 20 x delta centroids nests 64 compressions per add
+// before it gives up, so a timeout still points at a loop that does not end.
 #include <algorithm>
 #include <bit>
 #include <cstddef>
@@ -152,26 +142,6 @@ std::vector<std::int64_t> elementsOf(const quorix::HostArray& m) {
   return std::vector<std::int64_t>(d, d + m.numel());
 }
 
-// Every node, field by field, in breadth-first order with null markers.
-std::vector<std::uint64_t> fingerprint(const CentroidTree& tree) {
-  std::vector<std::uint64_t> out{tree.size()};
-  std::vector<const CentroidNode*> order{tree.root()};
-  for (std::size_t i = 0; i < order.size(); ++i) {
-    const CentroidNode* n = order[i];
-    if (n == nullptr) {
-      out.push_back(0xDEAD);
-      continue;
-    }
-    out.push_back(std::bit_cast<std::uint64_t>(n->mean));
-    out.push_back(n->count);
-    out.push_back(static_cast<std::uint32_t>(n->height));
-    out.push_back(n->subtreeCount);
-    order.push_back(n->left);
-    order.push_back(n->right);
-  }
-  return out;
-}
-
 // A consistent tree with no zero count must survive encode and decode.
 void checkRoundTrip(const CentroidTree& tree) {
   std::uint64_t nodes = 0;
@@ -179,7 +149,12 @@ void checkRoundTrip(const CentroidTree& tree) {
   const auto m = encodeSummary(tree);
   CentroidTree back;
   decodeSummary(back, m.get());
-  check(fingerprint(back) == fingerprint(tree), "round trip changed a consistent tree");
+  // Same bytes again from a tree that is itself consistent and whole: the
+  // heap-order slots fix every node's fields and the shape.
+  std::uint64_t backNodes = 0;
+  check(consistentAvl(back.root(), backNodes) && backNodes == tree.size() &&
+            back.size() == tree.size(),
+        "round trip changed a consistent tree");
   check(elementsOf(*encodeSummary(back)) == elementsOf(*m), "re-encoding changed the bytes");
 }
 

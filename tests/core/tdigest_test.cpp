@@ -42,18 +42,10 @@ TEST(TDigestAdd, nan_is_a_no_op_and_infinities_are_values_like_any) {
   EXPECT_EQ(s.digest.tree.first()->mean, -kInf);
 }
 
-// Delta 5: 100 centroids are allowed, the 101st compresses (a zero total
-// makes every value a new centroid). Below 20 x delta = 1 compression
-// leaves the digest alone, as it does a single centroid.
-TEST(TDigestCompress, trigger_is_strict_and_tiny_deltas_leave_the_digest_alone) {
-  for (const unsigned existing : {99u, 100u}) {
-    SeededDigest s(11, 5.0);
-    for (unsigned i = 0; i < existing; ++i) s.digest.tree.insert(i, 1);
-    s.digest.add(1000.0);
-    EXPECT_EQ(s.digest.tree.size() == existing + 1, existing == 99u);
-    EXPECT_EQ(s.digest.totalWeight, existing == 99u ? 1u : 101u);  // recounted by compress
-    expectValidTree(s.digest.tree);
-  }
+// The trigger's strictness and the recount are the hand-worked cases'. Below
+// 20 x delta = 1 compression leaves the digest alone, as it does a single
+// centroid.
+TEST(TDigestCompress, tiny_deltas_and_single_centroids_are_left_alone) {
   TDigest tiny;
   tiny.delta = 0.04;
   tiny.add(1.0, 3);

@@ -1,6 +1,6 @@
-// Class "TDigest" through the object system: the errors each call raises,
-// properties at both access levels, and save and restore. Arrays of every
-// element type reach the methods in the Python suite (test_conversion.py).
+// Class "TDigest" through the object system: the errors each call raises and
+// properties at both access levels. Arrays of every element type, and save
+// and restore, are the Python suite's (test_conversion.py, test_pickling.py).
 #include <cmath>
 
 #include "module_fixture.h"
@@ -74,15 +74,6 @@ TEST_F(TDigestClass, properties_keep_their_access_levels_and_value_checks) {
        {doubles({-1.0}), doubles({2.5}), doubles({std::nan("")}), doubles({1.0, 2.0}),
         numbers(ClassID::Int64, {-3}), doubles({18446744073709551616.0})}) {
     EXPECT_EQ(set("NumDataPoints", bad, kRestrictedAccess), "QUORIX:class:RequireClass");
-  }
-}
-
-TEST_F(TDigestClass, save_and_restore_keep_every_centroid_and_property) {
-  const HostArrayPtr original = construct({doubles(ramp(20000)).get(), doubles({30}).get()});
-  const HostArrayPtr copy = ObjectSystem::restore(ObjectSystem::save(*original));
-  EXPECT_EQ(centroidsOf(*copy), centroidsOf(*original));
-  for (const char* name : {"Delta", "NumCentroids", "NumDataPoints"}) {
-    EXPECT_EQ(doubleProperty(*copy, name), doubleProperty(*original, name)) << name;
   }
 }
 

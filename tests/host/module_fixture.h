@@ -5,13 +5,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "construction/element_types.h"
 #include "quorix/host_array.h"
 #include "quorix/messages.h"
 #include "quorix/module.h"
@@ -36,23 +37,13 @@ class ModuleTest : public ::testing::Test {
   static void SetUpTestSuite() { loadModule(); }
 };
 
-template <class T>
-void fillAs(void* out, const std::vector<double>& values) {
-  for (std::size_t i = 0; i < values.size(); ++i)
-    static_cast<T*>(out)[i] = static_cast<T>(values[i]);
-}
-
 // A 1 x n array of the numeric class holding the values (converted per element).
 inline HostArrayPtr numbers(ClassID id, const std::vector<double>& values) {
-  using Fill = void (*)(void*, const std::vector<double>&);
-  static const std::map<ClassID, Fill> fill{
-      {ClassID::Double, fillAs<double>},      {ClassID::Single, fillAs<float>},
-      {ClassID::Int8, fillAs<std::int8_t>},   {ClassID::UInt8, fillAs<std::uint8_t>},
-      {ClassID::Int16, fillAs<std::int16_t>}, {ClassID::UInt16, fillAs<std::uint16_t>},
-      {ClassID::Int32, fillAs<std::int32_t>}, {ClassID::UInt32, fillAs<std::uint32_t>},
-      {ClassID::Int64, fillAs<std::int64_t>}, {ClassID::UInt64, fillAs<std::uint64_t>}};
   HostArrayPtr a = HostArray::createNumericMatrix(1, values.size(), id);
-  fill.at(id)(a->realData(), values);
+  zotdigest::visitElementType(id, [&]<class T>(std::type_identity<T>) {
+    std::transform(values.begin(), values.end(), a->data<T>(),
+                   [](double v) { return static_cast<T>(v); });
+  });
   return a;
 }
 
@@ -98,15 +89,6 @@ inline double doubleProperty(const HostArray& object, const char* name) {
 }
 inline std::uint64_t countProperty(const HostArray& object, const char* name) {
   return ObjectSystem::getProperty(object, name)->data<std::uint64_t>()[0];
-}
-
-// The centroids (means, counts) of a digest object, through the method.
-inline std::pair<std::vector<double>, std::vector<std::uint64_t>> centroidsOf(
-    const HostArray& digest) {
-  std::vector<HostArrayPtr> out = call("centroids", 2, {&digest});
-  const std::size_t n = out.at(0)->numel();
-  return {{out[0]->data<double>(), out[0]->data<double>() + n},
-          {out[1]->data<std::uint64_t>(), out[1]->data<std::uint64_t>() + n}};
 }
 
 }  // namespace zotdigest::hosttest

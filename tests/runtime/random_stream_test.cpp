@@ -37,7 +37,8 @@ double referenceStep(mrg::State& s) {
   return static_cast<double>(p1 > p2 ? p1 - p2 : p1 - p2 + m1) * 2.328306549295727688e-10;
 }
 
-TEST(Mrg32k3a, draws_start_as_published_and_match_the_plain_recurrence_bit_for_bit) {
+// A jump of n steps lands where n steps do.
+TEST(Mrg32k3a, draws_start_as_published_and_match_the_plain_recurrence_and_jumps_bit_for_bit) {
   auto zero = seededStream(0);
   EXPECT_NEAR(zero->uniform(), 0.127011122046577, 1e-15);
   EXPECT_NEAR(zero->uniform(), 0.318527565396794, 1e-15);
@@ -45,8 +46,9 @@ TEST(Mrg32k3a, draws_start_as_published_and_match_the_plain_recurrence_bit_for_b
   for (const std::uint64_t seed : {0u, 1u, 4000000000u}) {
     auto single = seededStream(seed);
     auto bulk = seededStream(seed);
-    mrg::State exported = mrg::streamStart(seed);
-    mrg::State reference = exported;
+    const mrg::State start = mrg::streamStart(seed);
+    mrg::State exported = start;
+    mrg::State reference = start;
     constexpr std::size_t kDraws = 100000;
     std::vector<double> bulkDraws(kDraws);
     bulk->uniform(bulkDraws.data(), kDraws);
@@ -56,17 +58,9 @@ TEST(Mrg32k3a, draws_start_as_published_and_match_the_plain_recurrence_bit_for_b
       ASSERT_EQ(std::bit_cast<std::uint64_t>(bulkDraws[i]), expected) << "draw " << i;
       ASSERT_EQ(std::bit_cast<std::uint64_t>(mrg::step(exported)), expected) << "draw " << i;
       ASSERT_EQ(exported, reference);
-    }
-  }
-}
-
-TEST(Mrg32k3a, matrix_jump_equals_stepping) {
-  for (mrg::State start : {mrg::baseState(), mrg::streamStart(12345)}) {
-    mrg::State stepped = start;
-    std::uint64_t taken = 0;
-    for (const std::uint64_t target : {1u, 2u, 7u, 1000u, 4097u}) {
-      for (; taken < target; ++taken) mrg::step(stepped);
-      EXPECT_EQ(mrg::jump(start, target), stepped) << target << " steps";
+      if (i == 0 || i == 1 || i == 6 || i == 999 || i == 4096) {
+        EXPECT_EQ(mrg::jump(start, i + 1), reference) << i + 1 << " steps";
+      }
     }
   }
 }

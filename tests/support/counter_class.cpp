@@ -15,11 +15,9 @@ FunctionMethod::Body recording(std::string overload) {
   return [overload](int&, HostArray**, int nIn, const HostArray* const* in) {
     CounterInstance& counter = self(*in[0]);
     counter.lastOverload = overload;
-    counter.lastNIn = nIn;
     counter.lastArg = nIn > 1 ? in[1] : nullptr;
     counter.lastArgClass = nIn > 1 ? in[1]->classID() : ClassID::Unknown;
     counter.lastArgComplex = nIn > 1 && in[1]->isComplex();
-    ++counter.steps;
   };
 }
 
@@ -62,26 +60,11 @@ class CounterClass final : public ClassInfo {
     add("take", makeSignature({"Counter scalar", "single"}), recording("single"));
     add("take", makeSignature({"Counter scalar", "int8"}), recording("int8"));
     add("take", makeSignature({"Counter scalar", "int8", "any"}), recording("int8+any"));
-    add("absorb", makeSignature({"Counter scalar", "double"}),
-        [record = recording("double")](int& nOut, HostArray** out, int nIn,
-                                       const HostArray* const* in) {
-          record(nOut, out, nIn, in);
-          if (in[1]->isNumeric()) {
-            self(*in[0]).value += in[1]->elementAsDouble(0);
-          }
-        });
-    add("absorb", makeSignature({"Counter scalar", kCounterClass}),
-        [record = recording(kCounterClass)](int& nOut, HostArray** out, int nIn,
-                                            const HostArray* const* in) {
-          record(nOut, out, nIn, in);
-          self(*in[0]).value += self(*in[1]).value;
-        });
+    add("absorb", makeSignature({"Counter scalar", "double"}), recording("double"));
+    add("absorb", makeSignature({"Counter scalar", kCounterClass}), recording(kCounterClass));
     add(
         "reset", makeSignature({"Counter scalar"}),
-        [](int&, HostArray**, int, const HostArray* const* in) {
-          self(*in[0]).value = 0.0;
-          ++self(*in[0]).steps;
-        },
+        [](int&, HostArray**, int, const HostArray* const* in) { self(*in[0]).value = 0.0; },
         kRestrictedAccess);
     add("answer", makeSignature({"Counter scalar"}, {"double matrix"}),
         [](int& nOut, HostArray** out, int, const HostArray* const* in) {
@@ -119,12 +102,7 @@ class CounterClass final : public ClassInfo {
 class PlainClass final : public ClassInfo {
  public:
   std::string name() const override { return kPlainClass; }
-  void defineMembers(ClassDefinition& d) override {
-    d.addProperty(std::make_unique<PropertyInfo>(
-        "Tag", TypeRepository::lookup("char"), kPublicAccess, kPublicAccess, 0u, "A label",
-        [](void* p) { return HostArray::createChar(*static_cast<std::string*>(p)); },
-        [](void* p, const HostArray& v) { *static_cast<std::string*>(p) = v.text(); }));
-  }
+  void defineMembers(ClassDefinition&) override {}
   void* createInstance() override { return new std::string; }
   void destroyInstance(void* instance) noexcept override {
     delete static_cast<std::string*>(instance);

@@ -9,16 +9,12 @@
 //             from its first input when given.
 //   "take"    overloads ("double matrix"), ("single"), ("int8"), ("int8", "any"):
 //             each records which overload ran and what it received.
-//   "absorb"  overloads ("double"), ("Counter"): add a number / another
-//             counter's Value; both record as "take" does.
+//   "absorb"  overloads ("double"), ("Counter"), recording as "take" does.
 //   "reset"   access 2, no further inputs: Value = 0.
 //   "answer"  output "double matrix": Value; raises a request of 0 outputs to 1.
 //   "pair"    outputs "double scalar", "uint64 scalar": Value and Steps, as
 //             many as requested.
-// Every method except the constructor and "answer"/"pair" adds one to Steps.
-//
-// "Plain": not savable, no object arrays, no constructor; one property
-// "Tag" (char, get 0, set 0).
+// "Plain": not savable, no object arrays, no constructor, no members.
 #pragma once
 
 #include <atomic>
@@ -41,7 +37,7 @@ struct CounterInstance {
   const HostArray* lastArg = nullptr;  // its second input, as received
   ClassID lastArgClass = ClassID::Unknown;
   bool lastArgComplex = false;
-  int lastNIn = 0;
+  int lastNIn = 0;  // inputs the constructor saw
 };
 
 struct ClassStats {
