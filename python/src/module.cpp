@@ -4,6 +4,7 @@
 #include "conversion.h"
 #include "errors.h"
 #include "random_stream.h"
+#include "reproducible_build.h"
 #include "routines.h"
 #include "tdigest.h"
 #include "yardstick.h"
@@ -16,5 +17,6 @@ PYBIND11_MODULE(_core, m) {
   zp::register_random_stream(m);
   zp::register_tdigest(m);
   zp::register_routines(m);
+  zp::register_reproducible_build(m);
   zp::register_yardstick(m);
 }
