@@ -106,10 +106,8 @@ quorix::Module& digestModule() { return quorix::Module::load(kModuleName); }
 DigestBuilder::DigestBuilder(const BuildSettings& settings)
     : settings_(settings), buffer_(settings.chunkElements) {
   digestModule();
-  if (settings_.seed) {
-    stream_ = &seededStream(*settings_.seed, 1);
-  }
-  object_ = newDigest(settings_.delta, stream_);
+  build_ = std::make_unique<engine::ReproducibleBuild>(
+      engine::BuildOptions{settings_.delta, settings_.seed, settings_.threads});
 }
 
 DigestBuilder::~DigestBuilder() = default;
@@ -120,15 +118,19 @@ void DigestBuilder::add(NumberReader& reader) {
     if (n == 0) {
       return;
     }
-    const HostArrayPtr chunk = viewOf(buffer_.data(), n, 1, reader.elementClass());
-    addChunk(*object_, *chunk, stream_);
+    build_->append(buffer_.data(), n, reader.elementClass());
+    quorix::checkInterrupt();
     if (settings_.progress) {
       settings_.progress->advance(n);
     }
   }
 }
 
-HostArrayPtr DigestBuilder::finish() { return std::move(object_); }
+HostArrayPtr DigestBuilder::finish() { return build_->finish(); }
+
+engine::BuildRecord DigestBuilder::record() const {
+  return engine::BuildRecord{settings_.seed, engine::kBlockSize};
+}
 
 // --- one digest per column -------------------------------------------------
 
@@ -141,8 +143,8 @@ ColumnDigestBuilder::~ColumnDigestBuilder() = default;
 const HostArray& ColumnDigestBuilder::columnDigest(std::size_t column) {
   if (!digests_[column]) {
     const HostArray* stream = nullptr;
-    if (settings_.seed) {
-      streams_[column] = &seededStream(*settings_.seed, column + 1);
+    if (settings_.seedGiven) {
+      streams_[column] = &seededStream(settings_.seed, column + 1);
       stream = streams_[column];
     }
     digests_[column] = newDigest(settings_.delta, stream);
@@ -163,7 +165,7 @@ void ColumnDigestBuilder::add(ColumnBlockReader& reader) {
   buffer_.resize(reader.capacity());
   ColumnBlock block;
   while (reader.next(block, buffer_.data())) {
-    if (settings_.seed) {
+    if (settings_.seedGiven) {
       addBlockSerially(block, reader);
     } else {
       addBlockInParallel(block, reader);
@@ -301,12 +303,12 @@ std::vector<HostArrayPtr> mergeColumns(const std::vector<std::vector<const HostA
 // --- saving ----------------------------------------------------------------------
 
 StoredDigest storeDigest(const Digest& digest) {
-  return StoredDigest{digest.label, ObjectSystem::save(*digest.object)};
+  return StoredDigest{digest.label, ObjectSystem::save(*digest.object), digest.build};
 }
 
 Digest restoreDigest(const StoredDigest& stored) {
   digestModule();
-  return Digest{stored.label, ObjectSystem::restore(stored.saved)};
+  return Digest{stored.label, ObjectSystem::restore(stored.saved), stored.build};
 }
 
 }  // namespace zotdigest::cli
