@@ -75,7 +75,7 @@ std::vector<Piece> alignedPieces(std::uint64_t first, std::uint64_t count) {
 }  // namespace
 
 ReproducibleBuild::ReproducibleBuild(const BuildOptions& options)
-    : options_(options), empty_(emptyDigest(options.delta)) {
+    : options_(options), empty_(emptyDigest(options.delta)), blocks_(options.firstBlock) {
   if (options_.threads > 0) {
     arena_ = std::make_unique<tbb::task_arena>(static_cast<int>(options_.threads));
   }
@@ -218,7 +218,7 @@ HostArrayPtr ReproducibleBuild::finish() {
     carry = std::move(pending_[level]);
   }
   pending_.clear();
-  blocks_ = 0;
+  blocks_ = options_.firstBlock;
   values_ = 0;
   if (!carry) {
     return std::move(empty_);

@@ -41,6 +41,12 @@ struct BuildOptions {
   std::uint32_t seed = 0;
   // Worker threads at most; 0 means TBB's default (every core).
   unsigned threads = 0;
+  // The block index of the first value appended. With 0 the result is the
+  // digest of the values. With i * 2^K, and at most 2^K blocks appended, it
+  // is node i of level K of the tree of any longer sequence whose blocks
+  // from i * 2^K on are these: how a cluster builds its chunks' subtrees
+  // and then merges them with mergeNodes in the same fixed tree.
+  std::uint64_t firstBlock = 0;
 };
 
 class ReproducibleBuild {

@@ -4,10 +4,13 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string>
 
 #include "conversion.h"
 #include "engine/reproducible_build.h"
 #include "host_call.h"
+#include "host_object.h"
+#include "quorix/object_system.h"
 
 namespace py = pybind11;
 
@@ -41,8 +44,9 @@ unsigned checkedThreads(const py::object& threads) {
   return static_cast<unsigned>(value);
 }
 
-std::unique_ptr<Build> makeBuild(double delta, const py::object& seed, const py::object& threads) {
-  engine::BuildOptions options{delta, checkedSeed(seed), checkedThreads(threads)};
+std::unique_ptr<Build> makeBuild(double delta, const py::object& seed, const py::object& threads,
+                                 std::uint64_t firstBlock) {
+  engine::BuildOptions options{delta, checkedSeed(seed), checkedThreads(threads), firstBlock};
   auto made = std::make_unique<Build>();
   made->build =
       callHeld(ObjectLocks{}, [&] { return std::make_unique<engine::ReproducibleBuild>(options); });
@@ -81,6 +85,38 @@ py::object finish(Build& self) {
   return toPython(std::move(digest));
 }
 
+HostObject& digestOf(const py::handle& value, const char* name) {
+  HostObject* object = hostObjectOf(value);
+  if (object == nullptr) {
+    throw py::type_error(std::string("zotdigest: ") + name + " must be a zotdigest.TDigest");
+  }
+  return *object;
+}
+
+// A new digest: a copy of `left` with `right` merged into it as the tree's
+// node `index` of `level`. Neither input changes, so a scheduler may hand
+// the same inputs to a retried task.
+py::object mergeTreeNodes(const py::handle& left, const py::handle& right, unsigned level,
+                          std::uint64_t index, const py::object& seed) {
+  const HostObject& a = digestOf(left, "left");
+  const HostObject& b = digestOf(right, "right");
+  if (level < 1 || level > 63) {
+    throw py::value_error("zotdigest: level must be in [1, 63]");
+  }
+  const std::uint32_t s = checkedSeed(seed);
+  ObjectLocks locks;
+  locks.add(*a.array);
+  locks.add(*b.array);
+  quorix::HostArrayPtr merged = callReleased(locks, [&] {
+    // Released: a merge re-adds up to 40 Delta centroids.
+    quorix::HostArrayPtr copy = quorix::ObjectSystem::restore(quorix::ObjectSystem::save(*a.array));
+    engine::mergeNodes(*copy, *b.array, level, index, s);
+    engine::releaseBuildStream(*copy);
+    return copy;
+  });
+  return toPython(std::move(merged));
+}
+
 }  // namespace
 
 void register_reproducible_build(py::module_& m) {
@@ -88,12 +124,16 @@ void register_reproducible_build(py::module_& m) {
   py::class_<Build>(m, "ReproducibleBuild",
                     "The reproducible build of one digest; use zotdigest.digest.")
       .def(py::init(&makeBuild), py::arg("delta") = 100.0, py::arg("seed") = 0,
-           py::arg("threads") = py::none())
+           py::arg("threads") = py::none(), py::arg("first_block") = 0)
       .def("append", &append, py::arg("data"),
            "Appends the elements of `data` (anything TDigest accepts) in the module's\n"
            "element order (Fortran order for N-d arrays).")
       .def("finish", &finish, "The digest of everything appended; the build is done.")
       .def_property_readonly("size", [](Build& self) { return started(self).size(); });
+  m.def("merge_tree_nodes", &mergeTreeNodes, py::arg("left"), py::arg("right"), py::arg("level"),
+        py::arg("index"), py::arg("seed"),
+        "A copy of `left` with `right` merged into it as node `index` of tree level\n"
+        "`level` of the reproducible build (for zotdigest.dask).");
 }
 
 }  // namespace zotdigest::python

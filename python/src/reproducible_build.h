@@ -8,9 +8,10 @@
 
 namespace zotdigest::python {
 
-// Adds class ReproducibleBuild(delta=100.0, seed=0, threads=None) with
-// append(data), finish() and the read-only property size, and the
-// constant BLOCK_SIZE.
+// Adds class ReproducibleBuild(delta=100.0, seed=0, threads=None,
+// first_block=0) with append(data), finish() and the read-only property
+// size; merge_tree_nodes(left, right, level, index, seed); and the constant
+// BLOCK_SIZE.
 void register_reproducible_build(pybind11::module_& m);
 
 }  // namespace zotdigest::python

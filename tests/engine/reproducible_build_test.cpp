@@ -151,6 +151,21 @@ TEST_F(ReproducibleBuildTest, same_digest_whatever_the_chunks) {
   }
 }
 
+// How a cluster builds: chunks of 2^K blocks at their block offsets give
+// the level-K nodes, merged on in the same tree.
+TEST_F(ReproducibleBuildTest, chunk_subtrees_merged_in_the_tree_give_the_whole) {
+  const std::vector<double> x = values(11 * B + 9);  // level-2 nodes 0, 1 and a short 2
+  std::vector<HostArrayPtr> nodes;
+  for (std::size_t i = 0; i * 4 * B < x.size(); ++i) {
+    ReproducibleBuild part({100.0, 0, 0, 4 * i});
+    part.append(x.data() + i * 4 * B, std::min(4 * B, x.size() - i * 4 * B), ClassID::Double);
+    nodes.push_back(part.finish());
+  }
+  mergeNodes(*nodes[0], *nodes[1], 3, 0, 0);  // node 2 is carried up to level 3
+  mergeNodes(*nodes[0], *nodes[2], 4, 0, 0);
+  EXPECT_EQ(state(*nodes[0]), state(*built(x)));
+}
+
 template <class T>
 std::vector<T> as(const std::vector<double>& x) {
   return std::vector<T>(x.begin(), x.end());
