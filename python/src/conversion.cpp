@@ -441,7 +441,8 @@ py::object answerAfter(HostArrayPtr answer, const ArgumentShape& argument) {
 }
 
 py::object answerWithoutArguments(HostArrayPtr answer) {
-  if (answer && numericOrLogical(*answer) && answer->dims().size() == 2 && answer->dims()[1] == 1) {
+  if (answer && numericOrLogical(*answer) && answer->dims().size() == 2 &&
+      answer->dims()[1] == 1) {
     const std::size_t n = answer->numel();
     return numericToNumpy(std::move(answer), Dims{n});
   }

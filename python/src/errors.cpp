@@ -21,11 +21,16 @@ constexpr const char* kInterruptedID = "QUORIX:interrupt:Interrupted";
 // Identifiers that name a wrong kind of argument: what Python code reports
 // with TypeError.
 constexpr std::string_view kTypeErrors[] = {
-    "QUORIX:class:RequireReal",         "QUORIX:class:RequireNumeric",
-    "QUORIX:class:RequireClass",        "QUORIX:class:RequireScalarObject",
-    "QUORIX:class:NoMatchingSignature", "QUORIX:class:WrongNumberOfConstructorArgs",
-    "QUORIX:random:InvalidStream",      "QUORIX:array:WrongClass",
-    "QUORIX:array:NotNumeric",          "stats:tdigest:DeltaInvalidType",
+    "QUORIX:class:RequireReal",
+    "QUORIX:class:RequireNumeric",
+    "QUORIX:class:RequireClass",
+    "QUORIX:class:RequireScalarObject",
+    "QUORIX:class:NoMatchingSignature",
+    "QUORIX:class:WrongNumberOfConstructorArgs",
+    "QUORIX:random:InvalidStream",
+    "QUORIX:array:WrongClass",
+    "QUORIX:array:NotNumeric",
+    "stats:tdigest:DeltaInvalidType",
     "stats:tdigest:InvalidNumInputs",
 };
 
@@ -33,12 +38,18 @@ constexpr std::string_view kTypeErrors[] = {
 // together, or a digest that cannot answer: what Python code reports with
 // ValueError.
 constexpr std::string_view kValueErrors[] = {
-    "QUORIX:random:UnknownGenerator",    "QUORIX:random:InvalidSeed",
-    "QUORIX:random:InvalidStreamCount",  "QUORIX:random:InvalidPermutation",
-    "stats:tdigest:DataMalformed",       "stats:tdigest:CdfNoData",
-    "stats:tdigest:IcdfInvalidQuantile", "stats:tdigest:TrimmedMeanInvalidTrim",
-    "stats:tdigest:TrimmedMeanNoData",   "stats:tdigest:MergeDeltaMismatch",
-    "stats:tdigest:DeltaInvalidValue",   "stats:tdigest:General",
+    "QUORIX:random:UnknownGenerator",
+    "QUORIX:random:InvalidSeed",
+    "QUORIX:random:InvalidStreamCount",
+    "QUORIX:random:InvalidPermutation",
+    "stats:tdigest:DataMalformed",
+    "stats:tdigest:CdfNoData",
+    "stats:tdigest:IcdfInvalidQuantile",
+    "stats:tdigest:TrimmedMeanInvalidTrim",
+    "stats:tdigest:TrimmedMeanNoData",
+    "stats:tdigest:MergeDeltaMismatch",
+    "stats:tdigest:DeltaInvalidValue",
+    "stats:tdigest:General",
 };
 
 // The Python classes. Created once and never released: they must outlive

@@ -15,7 +15,8 @@ namespace {
 
 // The instance layout; standard layout, so offsetof applies.
 struct MethodObject {
-  PyObject_HEAD vectorcallfunc vectorcall;
+  PyObject_HEAD
+  vectorcallfunc vectorcall;
   PyObject* name;      // str
   PyObject* qualname;  // str
   PyObject* doc;       // str or None; writable
@@ -35,7 +36,9 @@ PyObject* callMethod(PyObject* callable, PyObject* const* args, std::size_t narg
     return nullptr;
   }
   try {
-    return self->target->body(*self->target, args, static_cast<std::size_t>(nargs)).release().ptr();
+    return self->target->body(*self->target, args, static_cast<std::size_t>(nargs))
+        .release()
+        .ptr();
   } catch (...) {
     setPythonError();
     return nullptr;
@@ -116,8 +119,7 @@ py::object makeMethod(const py::handle& owner, MethodTarget target, const std::s
   method->target = nullptr;
   // Owned from here on: destroy() releases whatever is set.
   py::object result = py::reinterpret_steal<py::object>(reinterpret_cast<PyObject*>(method));
-  const std::string qualname =
-      owner.attr("__qualname__").cast<std::string>() + "." + target.method.name();
+  const std::string qualname = owner.attr("__qualname__").cast<std::string>() + "." + target.method.name();
   method->name = py::str(target.method.name()).release().ptr();
   method->qualname = py::str(qualname).release().ptr();
   method->doc = py::str(doc).release().ptr();
