@@ -203,7 +203,7 @@ def _reproducible_digest(data, delta, seed):
     chunks = flat.rechunk(per_chunk * _BLOCK_SIZE).to_delayed().ravel()
     nodes = [
         _dask.delayed(_subtree_digest, pure=True)(
-            block, delta, seed, i * per_chunk, dask_key_name="%s-%d-%d" % (name, level, i))
+            block, delta, seed, i * per_chunk, dask_key_name="%s-chunk-%d" % (name, i))
         for i, block in enumerate(chunks)
     ]
     while len(nodes) > 1:
@@ -211,7 +211,7 @@ def _reproducible_digest(data, delta, seed):
         nodes = [
             _dask.delayed(_merge_nodes, pure=True)(
                 nodes[j], nodes[j + 1], level, j // 2, seed,
-                dask_key_name="%s-%d-%d" % (name, level, j // 2))
+                dask_key_name="%s-merge-%d-%d" % (name, level, j // 2))
             if j + 1 < len(nodes) else nodes[j]
             for j in range(0, len(nodes), 2)
         ]
