@@ -32,11 +32,47 @@ struct BlockSpan {
   }
 };
 
+constexpr const char* kInterrupted = "QUORIX:interrupt:Interrupted";
+
+bool isInterrupt(const quorix::MsgIDException& e) { return e.identifier() == kInterrupted; }
+
+// A call into the module on a worker thread. The runtime's check clears the
+// flag when it raises, so the leaves still running on other workers would
+// not see it and would finish their blocks (seconds for some data); setting
+// it again lets each of them stop at its next check. The build clears it
+// once every worker has stopped (interruptible).
+template <class Work>
+auto onWorker(Work&& work) {
+  try {
+    return work();
+  } catch (const quorix::MsgIDException& e) {
+    if (isInterrupt(e)) {
+      quorix::requestInterrupt();
+    }
+    throw;
+  }
+}
+
+// Runs a public operation; an interrupt leaves with the flag cleared, as
+// the runtime's check leaves it.
+template <class Work>
+void interruptible(Work&& work) {
+  try {
+    work();
+  } catch (const quorix::MsgIDException& e) {
+    if (isInterrupt(e)) {
+      quorix::clearInterrupt();
+    }
+    throw;
+  }
+}
+
 // Node j of `level` over whole blocks: the two halves side by side, then
 // their merge. Null when cancelled.
 HostArrayPtr subtree(const BlockSpan& span, unsigned level, std::uint64_t j) {
   if (level == 0) {
-    return digestBlock(span.block(j), kBlockSize, span.id, span.delta, span.seed, j);
+    return onWorker(
+        [&] { return digestBlock(span.block(j), kBlockSize, span.id, span.delta, span.seed, j); });
   }
   HostArrayPtr left;
   HostArrayPtr right;
@@ -47,7 +83,10 @@ HostArrayPtr subtree(const BlockSpan& span, unsigned level, std::uint64_t j) {
     // interrupt) cancelled the group and reaches the caller from there.
     return nullptr;
   }
-  mergeNodes(*left, *right, level, j, span.seed);
+  onWorker([&] {
+    mergeNodes(*left, *right, level, j, span.seed);
+    return true;
+  });
   return left;
 }
 
@@ -167,10 +206,12 @@ void ReproducibleBuild::appendWholeBlocks(const std::byte* values, std::uint64_t
   const BlockSpan span{values, blocks_, quorix::elementSize(id), id, options_.delta, options_.seed};
   const std::vector<Piece> pieces = alignedPieces(blocks_, blocks);
   std::vector<HostArrayPtr> nodes(pieces.size());
-  run([&] {
-    // Grain 1: each piece is at least one block, milliseconds of work.
-    tbb::parallel_for(std::size_t{0}, pieces.size(), [&](std::size_t i) {
-      nodes[i] = subtree(span, pieces[i].level, pieces[i].index);
+  interruptible([&] {
+    run([&] {
+      // Grain 1: each piece is at least one block, milliseconds of work.
+      tbb::parallel_for(std::size_t{0}, pieces.size(), [&](std::size_t i) {
+        nodes[i] = subtree(span, pieces[i].level, pieces[i].index);
+      });
     });
   });
   values_ += blocks * kBlockSize;

@@ -21,14 +21,14 @@ def state(d):
 
 @pytest.fixture(scope="module")
 def values():
-    return np.random.default_rng(5).lognormal(size=5 * B + 123)
+    return np.random.default_rng(5).lognormal(size=3 * B + 123)
 
 
 def test_threads_and_chunkings_give_one_digest(values):
     expected = state(zotdigest.digest(values))
     for threads in (1, 2, 4, 8):
         assert state(zotdigest.digest(values, threads=threads)) == expected, threads
-    for size in (7, B - 1, B, B + 1, 10**6):
+    for size in (B - 1, B, B + 1, 10**6):  # 1 and 7: the engine's tests
         chunks = (values[i:i + size] for i in range(0, values.size, size))
         assert state(zotdigest.digest(chunks)) == expected, size
     # A list of arrays is a sequence of chunks, each in its own dtype.

@@ -127,7 +127,7 @@ TEST_F(ReproducibleBuildTest, seeds_and_deltas_give_their_own_digests) {
 }
 
 TEST_F(ReproducibleBuildTest, same_digest_on_any_number_of_threads) {
-  const std::vector<double> x = values(13 * B + 5);
+  const std::vector<double> x = values(5 * B + 5);
   const auto expected = state(*built(x));
   for (const std::size_t threads : {1, 2, 4, 8}) {
     const tbb::global_control limit(tbb::global_control::max_allowed_parallelism, threads);
@@ -138,7 +138,7 @@ TEST_F(ReproducibleBuildTest, same_digest_on_any_number_of_threads) {
 }
 
 TEST_F(ReproducibleBuildTest, same_digest_whatever_the_chunks) {
-  const std::vector<double> x = values(17 * B + 3);
+  const std::vector<double> x = values(4 * B + 3);
   const auto expected = state(*built(x));
   for (const std::size_t chunk :
        {std::size_t{1}, std::size_t{7}, B - 1, B, B + 1, std::size_t{1000000}}) {
@@ -223,7 +223,7 @@ double worstRankError(const HostArray& digest, const std::vector<double>& sorted
 }
 
 TEST_F(ReproducibleBuildTest, as_accurate_as_the_serial_build) {
-  std::vector<double> x = values(40 * B, 11);
+  std::vector<double> x = values(12 * B, 11);
   const HostArrayPtr tree = built(x);
   const HostArrayPtr d = HostArray::createDoubleScalar(100.0);
   const HostArrayPtr s = streamOn(0, 1);
@@ -247,7 +247,7 @@ std::string raised(const std::function<void()>& f) {
 }
 
 TEST_F(ReproducibleBuildTest, ctrl_c_stops_the_build_and_is_consumed) {
-  const std::vector<double> x = values(9 * B);
+  const std::vector<double> x = values(3 * B);
   for (const std::size_t threads : {1, 2}) {
     quorix::requestInterrupt();
     EXPECT_EQ(raised([&] {
