@@ -3,7 +3,12 @@ SHELL := /bin/bash
 BUILD ?= build
 PY := /usr/bin/python3
 
-.PHONY: all deps build test demo bench asan tsan format clean
+.PHONY: all deps build demo-build test demo bench format clean
+
+# What the demo runs: the module, the runtime (a dependency of each), the
+# command-line tool and the Python package. Tests and benchmarks are left
+# for `make test` and `make bench`.
+DEMO_TARGETS := zotdigest zotdigest_cli zotdigest_python
 
 all: build
 
@@ -20,7 +25,11 @@ build: $(BUILD)/build.ninja
 test: deps
 	@tools/run_tests.sh
 
-demo: deps build
+demo-build: $(BUILD)/build.ninja
+	cmake --build $(BUILD) --target $(DEMO_TARGETS)
+
+demo: deps
+	@$(MAKE) --no-print-directory demo-build
 	@tools/demo.sh $(BUILD)
 
 bench: build

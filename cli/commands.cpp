@@ -1,8 +1,11 @@
 #include "cli/commands.h"
 
+#include <unistd.h>
+
 #include <array>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <memory>
 
@@ -11,6 +14,7 @@
 #include "cli/digest_ops.h"
 #include "cli/number_readers.h"
 #include "cli/output.h"
+#include "cli/picture.h"
 #include "cli/progress.h"
 #include "engine/atomic_file.h"
 #include "engine/digest_file.h"
@@ -85,7 +89,12 @@ void restoreInto(std::vector<Digest>& digests, const DigestFile& file, const std
   }
 }
 
-bool isDigestFile(ByteSource& source) { return hasDigestMagic(source.peek(kHeaderSize)); }
+// Digest files are known by their magic number, and by their name: a file
+// named *.zd without the magic (an empty one too) is a damaged digest file,
+// never a list of numbers.
+bool isDigestFile(ByteSource& source) {
+  return hasDigestMagic(source.peek(kHeaderSize)) || source.name().ends_with(".zd");
+}
 
 // --- building ------------------------------------------------------------------
 
@@ -386,12 +395,45 @@ void runBuild(const InputOptions& in, const std::string& outPath) {
   if (parseInputFormat(in.format) == InputFormat::Auto) {
     for (auto& source : sources) {
       if (isDigestFile(*source)) {
+        readDigestFile(*source);  // a damaged one is reported as damaged
         throw InputError(source->name() +
                          " is already a digest file (use 'merge' to combine digests)");
       }
     }
   }
   writeDigestFile(outPath, buildDigests(in, std::move(sources)));
+}
+
+void runPlot(const InputOptions& in, const OutputOptions& out, const std::string& pngPath,
+             const std::string& kind) {
+  if (kind != "cdf" && kind != "density" && kind != "quantile") {
+    throw InputError("unknown picture kind '" + kind + "' (cdf, density or quantile)");
+  }
+  const std::vector<Digest> digests = selectDigests(loadDigests(in), out);
+  if (pngPath.empty()) {
+    const HistogramStyle style = terminalStyle();
+    for (std::size_t i = 0; i < digests.size(); ++i) {
+      const DigestStats s = digestStats(*digests[i].object);
+      const std::string title = columnTitle(digests, i, "digest") + ": " +
+                                formatCount(s.dataPoints) + " data points, delta " +
+                                formatNumber(s.delta, 0);
+      printHistogram(std::cout, title, *digests[i].object, style);
+    }
+    return;
+  }
+  // Python reads the digests from a digest file of their own, removed after.
+  const std::string temporary = (std::filesystem::temp_directory_path() /
+                                 ("zotdigest-plot-" + std::to_string(::getpid()) + ".zd"))
+                                    .string();
+  struct Removed {
+    const std::string& path;
+    ~Removed() { std::remove(path.c_str()); }
+  } removed{temporary};
+  writeDigestFile(temporary, digests);
+  const std::string title = in.paths.size() == 1 && in.paths[0] != "-"
+                                ? std::filesystem::path(in.paths[0]).filename().string()
+                                : "digests";
+  drawPng(temporary, pngPath, kind, title);
 }
 
 void runQuantiles(const InputOptions& in, const OutputOptions& out, const std::vector<double>& p) {

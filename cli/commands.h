@@ -44,6 +44,11 @@ void runSummary(const InputOptions& in, const OutputOptions& out);
 // column.
 void runMerge(const std::vector<std::string>& paths, const std::string& outPath, bool byColumn,
               const std::string& label);
+// plot: pictures of the digests of an input (numbers are summarised on
+// the fly): a histogram of Unicode bars on standard output when pngPath is
+// empty, else a PNG of the kind "cdf", "density" or "quantile".
+void runPlot(const InputOptions& in, const OutputOptions& out, const std::string& pngPath,
+             const std::string& kind);
 // info: header and contents of digest files.
 void runInfo(const std::vector<std::string>& paths, const OutputOptions& out);
 // verify: full check of digest files, including a restore and save

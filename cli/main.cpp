@@ -26,6 +26,7 @@ constexpr const char* kExamples = R"(Examples:
   zotdigest quantile numbers.txt 0.5                # raw input, summarised on the fly
   zotdigest merge -o all.zd day1.zd day2.zd
   zotdigest info all.zd && zotdigest verify all.zd
+  zotdigest plot all.zd                             # a histogram in the terminal
 
 Exit status: 0 success, 1 failed computation or output, 2 usage error or
 bad input (including damaged digest files), 130 interrupted by Ctrl-C.)";
@@ -173,6 +174,22 @@ int main(int argc, char** argv) {
       "  zotdigest merge -o all.zd day1.zd day2.zd day3.zd\n"
       "  zotdigest merge --by-column -o cols.zd cols-a.zd cols-b.zd");
 
+  std::string kind = "cdf";
+  bool terminal = false;
+  CLI::App* plot = app.add_subcommand(
+      "plot", "Draw the digests: a histogram of Unicode bars here, or a PNG with -o");
+  plot->add_option("inputs", in.paths, kInputHelp);
+  plot->add_option("-o,--output", output,
+                   "PNG file to write (replaced atomically; drawn by the Python package with "
+                   "matplotlib)");
+  plot->add_flag("--terminal", terminal, "A histogram on standard output (the default)")
+      ->excludes("--output");
+  plot->add_option("--kind", kind, "PNG picture: cdf, density or quantile")->capture_default_str();
+  addBuildOptions(*plot, in, seed);
+  plot->add_option("--digest", out.digest, "Only the digest with this 0-based index of the file");
+  plot->footer(
+      "Examples:\n  zotdigest plot data.zd\n  zotdigest plot data.zd -o data.png --kind density");
+
   CLI::App* info = app.add_subcommand("info", "Show a digest file's header and contents");
   CLI::App* verify = app.add_subcommand(
       "verify", "Check digest files completely, including a restore through the module");
@@ -205,6 +222,8 @@ int main(int argc, char** argv) {
       runSummary(in, out);
     } else if (merge->parsed()) {
       runMerge(files, output, byColumn, in.label);
+    } else if (plot->parsed()) {
+      runPlot(in, out, output, kind);
     } else if (info->parsed()) {
       runInfo(files, out);
     } else if (verify->parsed()) {

@@ -93,7 +93,11 @@ void writeFileAtomically(const std::string& path, std::span<const std::byte> byt
   if (dir.empty()) {
     dir = ".";
   }
-  TempFile tmp((dir / ("." + target.filename().string() + ".tmp-XXXXXX")).string(), path);
+  // Appended rather than "." + name: g++ 12 at -O3 warns falsely (-Wrestrict)
+  // about the insert at the front that operator+ compiles to.
+  std::string tmpName = ".";
+  tmpName.append(target.filename().string()).append(".tmp-XXXXXX");
+  TempFile tmp((dir / tmpName).string(), path);
   if (::fchmod(tmp.fd(), modeForNewFile(path)) != 0) {
     failWith("set the mode of", tmp.path(), errno);
   }

@@ -436,6 +436,26 @@ bool hasDigestMagic(std::span<const std::byte> bytes) noexcept {
   return true;
 }
 
+std::vector<StoredDigest> decodePayload(std::span<const std::byte> payload, std::uint32_t count,
+                                        std::uint16_t version) {
+  Cursor in(payload);
+  std::vector<StoredDigest> digests;
+  digests.reserve(std::min<std::size_t>(count, payload.size() / 6));
+  for (std::uint32_t i = 0; i < count; ++i) {
+    digests.push_back(decodeRecord(in, i, version));
+  }
+  if (in.remaining() != 0) {
+    refuse(FileError::TrailingPayload, "the digest payload has " + std::to_string(in.remaining()) +
+                                           " bytes after its last digest");
+  }
+  for (std::size_t i = 0; i < digests.size(); ++i) {
+    if (std::string why = checkSavedDigest(digests[i].saved); !why.empty()) {
+      refuse(FileError::InvalidDigest, "digest " + std::to_string(i) + " is invalid: " + why);
+    }
+  }
+  return digests;
+}
+
 DigestFile decodeDigestFile(std::span<const std::byte> bytes) {
   DigestFile file;
   file.header = decodeHeader(bytes);
@@ -445,22 +465,7 @@ DigestFile decodeDigestFile(std::span<const std::byte> bytes) {
   }
   const std::vector<std::byte> payload =
       inflatePayload(compressed, static_cast<std::size_t>(file.header.payloadSize));
-  Cursor in(payload);
-  file.digests.reserve(std::min<std::size_t>(file.header.digestCount, payload.size() / 6));
-  for (std::uint32_t i = 0; i < file.header.digestCount; ++i) {
-    file.digests.push_back(decodeRecord(in, i, file.header.version));
-  }
-  if (in.remaining() != 0) {
-    refuse(FileError::TrailingPayload, "the digest file's payload has " +
-                                           std::to_string(in.remaining()) +
-                                           " bytes after its last digest");
-  }
-  for (std::size_t i = 0; i < file.digests.size(); ++i) {
-    if (std::string why = checkSavedDigest(file.digests[i].saved); !why.empty()) {
-      refuse(FileError::InvalidDigest,
-             "digest " + std::to_string(i) + " in the file is invalid: " + why);
-    }
-  }
+  file.digests = decodePayload(payload, file.header.digestCount, file.header.version);
   return file;
 }
 

@@ -163,6 +163,13 @@ bool hasDigestMagic(std::span<const std::byte> bytes) noexcept;
 // one specific code; never reads outside `bytes`.
 DigestFile decodeDigestFile(std::span<const std::byte> bytes);
 
+// The records of an inflated payload that holds `count` digests in the
+// layout of format `version`: every record, nothing after the last, then
+// the TDigest state of each. Throws DigestFileError (BadRecord,
+// TrailingPayload or InvalidDigest).
+std::vector<StoredDigest> decodePayload(std::span<const std::byte> payload, std::uint32_t count,
+                                        std::uint16_t version = kPlainFormatVersion);
+
 // CRC-32 (the zlib polynomial) of a byte span.
 std::uint32_t crc32Of(std::span<const std::byte> bytes) noexcept;
 

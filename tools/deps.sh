@@ -9,6 +9,14 @@ packages=(
   libtbb-dev zlib1g-dev libcli11-dev
   python3-dev pybind11-dev python3-numpy python3-pytest
   python3-dask python3-distributed
+  python3-pandas  # dask.dataframe and Dask Series; python3-dask only recommends it
+  python3-matplotlib  # TDigest.plot, zotdigest plot, make docs
+  python3-mypy  # the typed usage example in the Python tests
+  python3-setuptools python3-wheel python3-pip  # pip install . / pip wheel .
+  # Optional imports of dask, distributed and pandas: present on a developer's
+  # machine, so present everywhere, or the suites take other paths there.
+  python3-lz4 python3-scipy
+  debian-archive-keyring  # tools/tsan_tbb.sh checks the source indexes
   xz-utils  # tools/tsan_tbb.sh unpacks the oneTBB source tarball
 )
 

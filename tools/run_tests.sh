@@ -14,12 +14,13 @@ passed=0
 failed=0
 broken=()
 
-# configure DIR ARGS...: configures a tree the first time and again whenever
+# configure DIR ARGS...: configures a tree, warnings as errors, the first time and again whenever
 # its arguments differ from the last run's (a tree configured by hand or by
 # an older version of this script gets them too); otherwise ninja re-runs
 # cmake by itself when the build files change.
 configure() {
   local dir=$1; shift
+  set -- -DZOTDIGEST_WARNINGS_AS_ERRORS=ON "$@"
   local stamp="$dir/.run_tests-args" args
   args=$(printf '%q ' "$@")
   if [[ ! -f "$dir/build.ninja" || ! -f "$stamp" || "$(<"$stamp")" != "$args" ]]; then

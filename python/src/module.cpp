@@ -2,6 +2,7 @@
 #include <pybind11/pybind11.h>
 
 #include "conversion.h"
+#include "digest_files.h"
 #include "errors.h"
 #include "random_stream.h"
 #include "reproducible_build.h"
@@ -18,5 +19,6 @@ PYBIND11_MODULE(_core, m) {
   zp::register_tdigest(m);
   zp::register_routines(m);
   zp::register_reproducible_build(m);
+  zp::register_digest_files(m);
   zp::register_yardstick(m);
 }

@@ -238,16 +238,6 @@ void setState(py::handle object, const py::dict& state) {
   slot.type->init_instance(instance, nullptr);
 }
 
-// pickle and copy: a new instance made by __new__, then __setstate__. The
-// same for every pickle protocol.
-py::tuple reduce(py::handle object) {
-  // Kept for the life of the process (never released after finalisation).
-  static PyObject* const newObject =
-      py::object(py::module_::import("copyreg").attr("__newobj__")).release().ptr();
-  return py::make_tuple(py::handle(newObject), py::make_tuple(py::type::of(object)),
-                        saveState(object));
-}
-
 py::dict describeClass(const ClassDefinition& definition) {
   py::list properties;
   for (const auto& p : definition.properties()) {
@@ -320,8 +310,9 @@ void register_tdigest(py::module_& m) {
         methodDoc(group));
   }
 
-  // Pickling, copy.copy and copy.deepcopy: the state is what the runtime
-  // saves, and __setstate__ restores a new object from it.
+  // The state is what the runtime saves, and __setstate__ restores a new
+  // object from it. Pickles and copies take the compact form instead (the
+  // package's __reduce__).
   cls.def("__getstate__", &saveState,
           "The digest's state as the runtime saves it: a dict of NumPy arrays, one per\n"
           "property in registration order (AVLTreeSummary, Delta, NumCentroids,\n"
@@ -340,7 +331,6 @@ void register_tdigest(py::module_& m) {
   }
   cls.attr("__setstate__") = cls.attr("_setstate");
   py::delattr(cls, "_setstate");
-  cls.def("__reduce__", &reduce);
 
   m.def(
       "class_definition",

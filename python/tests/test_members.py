@@ -21,7 +21,7 @@ def test_registered_methods_and_properties_are_documented_members():
     adds = [m for m in DEFINITION["methods"] if m["name"] == "add"]
     assert len(adds) == 20 and TDigest.add.__doc__.startswith("add(data, stream=None)")
     assert all(f"add({', '.join(m['inputs'])})" in TDigest.add.__doc__ for m in adds)
-    assert zotdigest.merge.__doc__.startswith("merge(digests: object, stream: object = None)")
+    assert zotdigest.merge.__doc__.startswith("merge(digests, stream=None)")
     assert "delta: object = 100.0" in zotdigest.column_digests.__doc__
 
 

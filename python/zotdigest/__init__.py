@@ -1,13 +1,21 @@
 """t-digest summaries of large collections of numbers, for NumPy users.
 
 A TDigest summarises data by a small ordered set of weighted centroids and
-estimates from them the cumulative distribution (cdf), quantiles (icdf) and
-trimmed means::
+estimates from them quantiles, the cumulative distribution and trimmed
+means::
 
     import numpy as np, zotdigest
     d = zotdigest.TDigest(np.random.default_rng(1).normal(size=100_000))
-    d.icdf([0.01, 0.5, 0.99])      # 1-D in, 1-D out
-    d.cdf(0.0)                     # a number in, a float out
+    d.quantile([0.01, 0.5, 0.99])  # 1-D in, 1-D out
+    d.percentile(99.9)             # a number in, a float out
+    d.cdf(0.0)
+    d.update(more)                 # adds more data
+    zotdigest.save("x.zd", d)      # the command-line tool's digest files
+    zotdigest.load("x.zd")
+
+The Python names (quantile, percentile, cdf, trimmed_mean, update, count,
+delta) are thin calls of the module's own members (icdf, cdf, trimmedMean,
+add, NumDataPoints, Delta), which stay available with the same answers.
 
 Data keep their NumPy dtype on the way in (the ten numeric dtypes); Python
 ints and floats are double scalars, lists go through numpy.asarray, None and
@@ -22,9 +30,10 @@ module as zotdigest.HostWarning (a UserWarning), with `identifier` on the
 warning. Pass a RandomStream to make the random choices of building and
 merging reproducible.
 
-Digests pickle and copy through the runtime's save and restore. Long calls
-release the GIL, and Ctrl-C stops them; threads may use separate digests at
-once (calls on one digest wait for each other).
+Digests pickle and copy in their compact form (to_bytes, about 16 kB for a
+Delta-100 digest); __getstate__ gives the runtime's saved properties. Long
+calls release the GIL, and Ctrl-C stops them; threads may use separate
+digests at once (calls on one digest wait for each other).
 
 The members of TDigest come from the module's own registration: see
 zotdigest.class_definition("TDigest").
@@ -55,11 +64,17 @@ from ._core import (  # noqa: E402
     TDigest,
     class_definition,
     column_digests,
-    merge,
     merge_columns,
     module_info,
 )
 from ._core import BLOCK_SIZE, ReproducibleBuild  # noqa: E402
+from . import _files, _names, _plot  # noqa: E402
+from ._files import load, save  # noqa: E402
+from ._names import merge  # noqa: E402
+
+_names.install()
+_files.install()
+_plot.install()
 
 __all__ = [
     "HostError",
@@ -71,9 +86,11 @@ __all__ = [
     "class_definition",
     "column_digests",
     "digest",
+    "load",
     "merge",
     "merge_columns",
     "module_info",
+    "save",
 ]
 
 __version__ = module_info()["version"]

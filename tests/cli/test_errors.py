@@ -64,3 +64,16 @@ def test_wrong_kinds_of_input(tmp_path):
     assert r.rc == 2 and "mix digest files and numbers" in r.err, r
     r = run("merge", tmp_path / "n.txt", "-o", tmp_path / "m.zd")
     assert r.rc == 2 and "not a digest file" in r.err, r
+
+
+@pytest.mark.parametrize("content, message", [
+    (b"", "0 bytes, shorter than the 44-byte header"),
+    (b"1 2 3\n", "shorter than the 44-byte header"),
+    (b"0.5\n" * 20, "wrong magic number"),
+])
+@pytest.mark.parametrize("command", [["quantile", "0.5"], ["build", "-o", "out.zd"]])
+def test_a_file_named_zd_is_a_digest_file_even_when_empty(tmp_path, content, message, command):
+    (tmp_path / "empty.zd").write_bytes(content)
+    r = run(command[0], "empty.zd", *command[1:], cwd=tmp_path)
+    assert r.rc == 2 and "empty.zd: not a digest file" in r.err and message in r.err, r
+    assert not (tmp_path / "out.zd").exists()
