@@ -103,8 +103,12 @@ quorix::Module& digestModule() { return quorix::Module::load(kModuleName); }
 
 // --- one digest ------------------------------------------------------------
 
+// Reads gathered into one append: 4 chunks of 2^20 values are 16 blocks,
+// enough to keep the workers busy between the merges an append ends with.
+constexpr std::size_t kChunksPerAppend = 4;
+
 DigestBuilder::DigestBuilder(const BuildSettings& settings)
-    : settings_(settings), buffer_(settings.chunkElements) {
+    : settings_(settings), buffer_(settings.chunkElements * kChunksPerAppend) {
   digestModule();
   build_ = std::make_unique<engine::ReproducibleBuild>(
       engine::BuildOptions{settings_.delta, settings_.seed, settings_.threads});
@@ -113,15 +117,26 @@ DigestBuilder::DigestBuilder(const BuildSettings& settings)
 DigestBuilder::~DigestBuilder() = default;
 
 void DigestBuilder::add(NumberReader& reader) {
+  const std::size_t width = quorix::elementSize(reader.elementClass());
+  auto* bytes = reinterpret_cast<std::byte*>(buffer_.data());
   for (;;) {
-    const std::size_t n = reader.next(buffer_.data(), buffer_.size());
+    // Progress and Ctrl-C are looked at after every read, the values go to
+    // the build a few reads at a time.
+    std::size_t filled = 0;
+    std::size_t n = 0;
+    do {
+      n = reader.next(bytes + filled * width, settings_.chunkElements);
+      filled += n;
+      quorix::checkInterrupt();
+      if (settings_.progress && n > 0) {
+        settings_.progress->advance(n);
+      }
+    } while (n > 0 && filled + settings_.chunkElements <= buffer_.size());
+    if (filled > 0) {
+      build_->append(bytes, filled, reader.elementClass());
+    }
     if (n == 0) {
       return;
-    }
-    build_->append(buffer_.data(), n, reader.elementClass());
-    quorix::checkInterrupt();
-    if (settings_.progress) {
-      settings_.progress->advance(n);
     }
   }
 }
