@@ -18,6 +18,7 @@ packages=(
   python3-lz4 python3-scipy
   debian-archive-keyring  # tools/tsan_tbb.sh checks the source indexes
   xz-utils  # tools/tsan_tbb.sh unpacks the oneTBB source tarball
+  time  # bench/python/cli_bench.py reads the tool's peak RSS with GNU time
 )
 
 missing=()
