@@ -1,5 +1,6 @@
 """Digest files: what info and verify report, refusal of a damaged file by
-every command, atomic replacement, and the golden files of format version 1.
+every command, atomic replacement, and the golden files of format versions 1
+and 2 (the latter also built again from its values).
 The damage to each field is tabled in the decoder's unit tests."""
 import json
 import os
@@ -114,3 +115,21 @@ def test_info_shows_how_a_digest_was_built_and_merges_and_old_files_say_nothing(
     for path in (tmp_path / "m.zd", DATA / "golden_v1_single.zd"):
         info = ok("info", path, "--json").json()["files"][0]
         assert info["format_version"] == 1 and "build" not in info["digests"][0]
+
+
+def test_golden_v2_file_reads_back_and_the_same_values_build_it_again(tmp_path):
+    path, want = DATA / "golden_v2_built.zd", json.loads((DATA / "golden_v2_expected.json").read_text())
+    info = ok("info", path, "--json").json()["files"][0]
+    d = info["digests"][0]
+    assert (info["format_version"], d["label"], d["delta"], d["data_points"], d["build"]) == (
+        want["format_version"], want["label"], want["delta"], want["data_points"], want["build"])
+    assert "OK (format 2, 1 digest" in ok("verify", path).out
+    # The values of tests/data/make_golden_v2.sh, built again on one thread: the
+    # definition of the reproducible build has not moved.
+    i = np.arange(2 * 262144 + 1000, dtype=np.float64)
+    np.save(tmp_path / "built.npy", (i * 7919 % 10007) / 100.0 + np.exp((i % 97) / 12.0))
+    for source in (path, tmp_path / "built.npy"):
+        got = ok("centroids", source, "--delta", 50, "--seed", 7, "--threads", 1, "--json",
+                 "--precision", 0).json()["digests"][0]["centroids"]
+        assert [c["mean"] for c in got] == want["means"], source
+        assert [c["count"] for c in got] == want["counts"], source
