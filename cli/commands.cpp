@@ -102,6 +102,8 @@ BuildSettings settingsOf(const InputOptions& in) {
   BuildSettings s;
   s.delta = in.delta;
   s.seed = in.seed;
+  s.seedGiven = in.seedGiven;
+  s.threads = in.threads;
   return s;
 }
 
@@ -137,7 +139,7 @@ std::vector<Digest> buildDigests(const InputOptions& in,
   }
   progress.finish();
   std::vector<Digest> digests;
-  digests.push_back(Digest{in.label, builder.finish()});
+  digests.push_back(Digest{in.label, builder.finish(), builder.record()});
   return digests;
 }
 
@@ -317,13 +319,18 @@ void printInfoText(const std::string& path, const DigestFile& file, int precisio
   head.addRow({"header CRC-32", hex32(h.headerCrc) + " (ok)"});
   head.print(std::cout);
   std::cout << '\n';
-  TextTable table({"#", "label", "class", "delta", "data points", "centroids", "summary"});
+  TextTable table({"#", "label", "class", "delta", "data points", "centroids", "summary", "built"});
   for (std::size_t i = 0; i < file.digests.size(); ++i) {
     const StoredDigest& d = file.digests[i];
     const DigestStats s = storedStats(d);
+    // How it was built, when the file says so: the reproducible build's
+    // seed and block size; "-" for merges and files of format version 1.
+    const std::string built = d.build ? "seed " + std::to_string(d.build->seed) + ", blocks of " +
+                                            std::to_string(d.build->blockSize)
+                                      : "-";
     table.addRow({std::to_string(i), d.label.empty() ? "-" : d.label, d.saved.className,
                   formatNumber(s.delta, precision), formatCount(s.dataPoints),
-                  formatCount(s.centroids), "4x" + std::to_string(summaryColumns(d))});
+                  formatCount(s.centroids), "4x" + std::to_string(summaryColumns(d)), built});
   }
   table.print(std::cout);
 }
@@ -349,8 +356,16 @@ void printInfoJson(JsonWriter& json, const std::string& path, const DigestFile& 
         .field("delta", s.delta)
         .field("data_points", s.dataPoints)
         .field("centroids", s.centroids)
-        .field("summary_columns", std::uint64_t{summaryColumns(d)})
-        .endObject();
+        .field("summary_columns", std::uint64_t{summaryColumns(d)});
+    if (d.build) {
+      json.key("build")
+          .beginObject()
+          .field("kind", "block tree")
+          .field("seed", std::uint64_t{d.build->seed})
+          .field("block_size", d.build->blockSize)
+          .endObject();
+    }
+    json.endObject();
   }
   json.endArray().endObject();
 }

@@ -16,7 +16,10 @@ struct InputOptions {
   std::string format = "auto";     // auto, text, npy, raw
   std::string dtype;               // raw input's element type
   double delta = 100.0;
-  std::optional<std::uint32_t> seed;
+  // Seed of the reproducible build; --columns reads it only when given.
+  std::uint32_t seed = 0;
+  bool seedGiven = false;
+  unsigned threads = 0;  // 0: every core
   bool columns = false;  // one digest per column of .npy input
   std::string label;
   bool quiet = false;  // no progress line while numbers are read

@@ -103,32 +103,49 @@ quorix::Module& digestModule() { return quorix::Module::load(kModuleName); }
 
 // --- one digest ------------------------------------------------------------
 
+// Reads gathered into one append: 4 chunks of 2^20 values are 16 blocks,
+// enough to keep the workers busy between the merges an append ends with.
+constexpr std::size_t kChunksPerAppend = 4;
+
 DigestBuilder::DigestBuilder(const BuildSettings& settings)
-    : settings_(settings), buffer_(settings.chunkElements) {
+    : settings_(settings), buffer_(settings.chunkElements * kChunksPerAppend) {
   digestModule();
-  if (settings_.seed) {
-    stream_ = &seededStream(*settings_.seed, 1);
-  }
-  object_ = newDigest(settings_.delta, stream_);
+  build_ = std::make_unique<engine::ReproducibleBuild>(
+      engine::BuildOptions{settings_.delta, settings_.seed, settings_.threads});
 }
 
 DigestBuilder::~DigestBuilder() = default;
 
 void DigestBuilder::add(NumberReader& reader) {
+  const std::size_t width = quorix::elementSize(reader.elementClass());
+  auto* bytes = reinterpret_cast<std::byte*>(buffer_.data());
   for (;;) {
-    const std::size_t n = reader.next(buffer_.data(), buffer_.size());
+    // Progress and Ctrl-C are looked at after every read, the values go to
+    // the build a few reads at a time.
+    std::size_t filled = 0;
+    std::size_t n = 0;
+    do {
+      n = reader.next(bytes + filled * width, settings_.chunkElements);
+      filled += n;
+      quorix::checkInterrupt();
+      if (settings_.progress && n > 0) {
+        settings_.progress->advance(n);
+      }
+    } while (n > 0 && filled + settings_.chunkElements <= buffer_.size());
+    if (filled > 0) {
+      build_->append(bytes, filled, reader.elementClass());
+    }
     if (n == 0) {
       return;
-    }
-    const HostArrayPtr chunk = viewOf(buffer_.data(), n, 1, reader.elementClass());
-    addChunk(*object_, *chunk, stream_);
-    if (settings_.progress) {
-      settings_.progress->advance(n);
     }
   }
 }
 
-HostArrayPtr DigestBuilder::finish() { return std::move(object_); }
+HostArrayPtr DigestBuilder::finish() { return build_->finish(); }
+
+engine::BuildRecord DigestBuilder::record() const {
+  return engine::BuildRecord{settings_.seed, engine::kBlockSize};
+}
 
 // --- one digest per column -------------------------------------------------
 
@@ -141,8 +158,8 @@ ColumnDigestBuilder::~ColumnDigestBuilder() = default;
 const HostArray& ColumnDigestBuilder::columnDigest(std::size_t column) {
   if (!digests_[column]) {
     const HostArray* stream = nullptr;
-    if (settings_.seed) {
-      streams_[column] = &seededStream(*settings_.seed, column + 1);
+    if (settings_.seedGiven) {
+      streams_[column] = &seededStream(settings_.seed, column + 1);
       stream = streams_[column];
     }
     digests_[column] = newDigest(settings_.delta, stream);
@@ -163,7 +180,7 @@ void ColumnDigestBuilder::add(ColumnBlockReader& reader) {
   buffer_.resize(reader.capacity());
   ColumnBlock block;
   while (reader.next(block, buffer_.data())) {
-    if (settings_.seed) {
+    if (settings_.seedGiven) {
       addBlockSerially(block, reader);
     } else {
       addBlockInParallel(block, reader);
@@ -301,12 +318,12 @@ std::vector<HostArrayPtr> mergeColumns(const std::vector<std::vector<const HostA
 // --- saving ----------------------------------------------------------------------
 
 StoredDigest storeDigest(const Digest& digest) {
-  return StoredDigest{digest.label, ObjectSystem::save(*digest.object)};
+  return StoredDigest{digest.label, ObjectSystem::save(*digest.object), digest.build};
 }
 
 Digest restoreDigest(const StoredDigest& stored) {
   digestModule();
-  return Digest{stored.label, ObjectSystem::restore(stored.saved)};
+  return Digest{stored.label, ObjectSystem::restore(stored.saved), stored.build};
 }
 
 }  // namespace zotdigest::cli

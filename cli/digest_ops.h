@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -16,6 +17,7 @@
 #include "cli/number_readers.h"
 #include "cli/progress.h"
 #include "engine/digest_file.h"
+#include "engine/reproducible_build.h"
 #include "quorix/host_array.h"
 #include "quorix/module.h"
 
@@ -29,18 +31,23 @@ using engine::StoredDigest;
 // path. Raises "QUORIX:module:NotFound" naming the directories searched.
 quorix::Module& digestModule();
 
-// A scalar "TDigest" object and the label it is shown and stored under.
+// A scalar "TDigest" object, the label it is shown and stored under, and
+// how it was built when that is known.
 struct Digest {
   std::string label;
   quorix::HostArrayPtr object;
+  std::optional<engine::BuildRecord> build = std::nullopt;
 };
 
 struct BuildSettings {
   double delta = 100.0;
-  // When set, values are added serially with a random stream of this seed
-  // ("mrg32k3a"), so the same input gives the same digest. Otherwise the
-  // module's parallel path runs, which is faster and not reproducible.
-  std::optional<std::uint32_t> seed;
+  // The seed of the reproducible build (engine/reproducible_build.h). The
+  // per-column build reads it only when it was given: then each column is
+  // added serially with a stream of this seed, else the module's parallel
+  // column build runs (faster, not reproducible).
+  std::uint32_t seed = 0;
+  bool seedGiven = false;
+  unsigned threads = 0;  // worker threads at most; 0: every core
   // Elements per call of "add": memory stays bounded by this, whatever the
   // input's size.
   std::size_t chunkElements = std::size_t{1} << 20;
@@ -48,21 +55,24 @@ struct BuildSettings {
   ProgressLine* progress = nullptr;
 };
 
-// One digest from any number of inputs, read and added chunk by chunk.
+// One digest from any number of inputs, read chunk by chunk into the
+// reproducible build: the digest of the numbers of all inputs one after the
+// other, whatever the reads.
 class DigestBuilder {
  public:
-  // Makes the empty digest; the module refuses a Delta that is not > 0.
+  // The module refuses a Delta that is not > 0.
   explicit DigestBuilder(const BuildSettings& settings);
   ~DigestBuilder();
   // Adds every number of the reader. Checks for Ctrl-C and reports
   // progress between chunks.
   void add(NumberReader& reader);
   quorix::HostArrayPtr finish();
+  // What a digest file records of this build.
+  engine::BuildRecord record() const;
 
  private:
   BuildSettings settings_;
-  quorix::HostArrayPtr object_;
-  const quorix::HostArray* stream_ = nullptr;
+  std::unique_ptr<engine::ReproducibleBuild> build_;
   std::vector<std::uint64_t> buffer_;
 };
 

@@ -52,9 +52,14 @@ struct Seed {
 // Options that say how numbers become a digest.
 void addBuildOptions(CLI::App& sub, InputOptions& in, Seed& seed) {
   sub.add_option("--delta", in.delta, "Compression parameter Delta (> 0)")->capture_default_str();
-  seed.options.push_back(sub.add_option("--seed", seed.value,
-                                        "Add serially with an mrg32k3a stream of this seed "
-                                        "(reproducible); without it the parallel path runs"));
+  seed.options.push_back(
+      sub.add_option("--seed", seed.value,
+                     "Seed of the reproducible build: the same numbers, Delta and seed give the "
+                     "same digest on any machine and thread count (with --columns: each column "
+                     "added serially with this seed; without it in parallel)")
+          ->capture_default_str());
+  sub.add_option("--threads", in.threads, "Worker threads at most (default: every core)")
+      ->check(CLI::Range(1, 4096));
   sub.add_flag("--columns", in.columns, "One digest per column of a 1-D or 2-D .npy array");
   sub.add_option("--format", in.format, "Input format: auto, text, npy or raw")
       ->capture_default_str();
@@ -198,9 +203,8 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     return app.exit(e) == 0 ? kExitOk : kExitUsage;
   }
-  if (seed.given()) {
-    in.seed = seed.value;
-  }
+  in.seed = seed.value;
+  in.seedGiven = seed.given();
 
   try {
     if (build->parsed()) {

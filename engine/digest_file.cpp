@@ -26,6 +26,8 @@ constexpr std::size_t kHeaderCrcOffset = 40;
 // announced larger than that is a lie we refuse before allocating for it.
 constexpr std::uint64_t kMaxInflateRatio = 1032;
 constexpr std::uint64_t kInflateSlack = 1024;
+// Build record kind 1: the reproducible block-tree build.
+constexpr std::uint8_t kBuildKindBlockTree = 1;
 
 // --- writing -----------------------------------------------------------------
 
@@ -106,6 +108,7 @@ class Cursor {
 
   std::uint8_t u8(const char* what) { return static_cast<std::uint8_t>(little(1, what)); }
   std::uint16_t u16(const char* what) { return static_cast<std::uint16_t>(little(2, what)); }
+  std::uint32_t u32(const char* what) { return static_cast<std::uint32_t>(little(4, what)); }
   std::uint64_t u64(const char* what) { return little(8, what); }
   std::string text16(const char* what, std::size_t maxLength) {
     const std::size_t n = u16(what);
@@ -186,7 +189,24 @@ quorix::SavedProperty decodeProperty(Cursor& in) {
   return p;
 }
 
-StoredDigest decodeRecord(Cursor& in, std::uint32_t index) {
+std::optional<BuildRecord> decodeBuildRecord(Cursor& in) {
+  const std::uint8_t kind = in.u8("the build record's kind");
+  if (kind == 0) {
+    return std::nullopt;
+  }
+  if (kind != kBuildKindBlockTree) {
+    in.fail("unknown build record kind " + std::to_string(kind));
+  }
+  BuildRecord b;
+  b.seed = in.u32("the build record's seed");
+  b.blockSize = in.u64("the build record's block size");
+  if (b.blockSize == 0) {
+    in.fail("the build record's block size is 0");
+  }
+  return b;
+}
+
+StoredDigest decodeRecord(Cursor& in, std::uint32_t index, std::uint16_t version) {
   in.setContext("digest " + std::to_string(index));
   StoredDigest d;
   d.label = in.text16("a label", kMaxLabelLength);
@@ -201,6 +221,9 @@ StoredDigest decodeRecord(Cursor& in, std::uint32_t index) {
   d.saved.properties.reserve(count);
   for (std::size_t i = 0; i < count; ++i) {
     d.saved.properties.push_back(decodeProperty(in));
+  }
+  if (version >= 2) {
+    d.build = decodeBuildRecord(in);
   }
   return d;
 }
@@ -317,7 +340,14 @@ std::uint32_t crc32Of(std::span<const std::byte> bytes) noexcept {
   return static_cast<std::uint32_t>(crc);
 }
 
+std::uint16_t formatVersionFor(const std::vector<StoredDigest>& digests) noexcept {
+  const bool built = std::any_of(digests.begin(), digests.end(),
+                                 [](const StoredDigest& d) { return d.build.has_value(); });
+  return built ? kFormatVersion : kPlainFormatVersion;
+}
+
 std::vector<std::byte> encodePayload(const std::vector<StoredDigest>& digests) {
+  const std::uint16_t version = formatVersionFor(digests);
   ByteWriter out;
   for (const StoredDigest& d : digests) {
     if (std::string why = checkSavedDigest(d.saved); !why.empty()) {
@@ -333,12 +363,21 @@ std::vector<std::byte> encodePayload(const std::vector<StoredDigest>& digests) {
     for (const quorix::SavedProperty& p : d.saved.properties) {
       encodeProperty(out, p);
     }
+    if (version >= 2) {
+      if (d.build) {
+        out.u8(kBuildKindBlockTree);
+        out.u32(d.build->seed);
+        out.u64(d.build->blockSize);
+      } else {
+        out.u8(0);
+      }
+    }
   }
   return out.take();
 }
 
-std::vector<std::byte> packDigestFile(std::span<const std::byte> payload,
-                                      std::uint32_t digestCount) {
+std::vector<std::byte> packDigestFile(std::span<const std::byte> payload, std::uint32_t digestCount,
+                                      std::uint16_t version) {
   if (payload.size() > kMaxPayloadSize) {
     throw InputError("the digests need " + std::to_string(payload.size()) +
                      " bytes, more than a digest file holds");
@@ -357,7 +396,7 @@ std::vector<std::byte> packDigestFile(std::span<const std::byte> payload,
   for (const std::uint8_t b : kMagic) {
     header.u8(b);
   }
-  header.u16(kFormatVersion);
+  header.u16(version);
   header.u16(0);  // flags
   header.u8(kCompressionZlib);
   header.u8(0);  // reserved
@@ -381,7 +420,8 @@ std::vector<std::byte> encodeDigestFile(const std::vector<StoredDigest>& digests
     throw InputError("a digest file holds 1 to " + std::to_string(kMaxDigests) + " digests");
   }
   const std::vector<std::byte> payload = encodePayload(digests);
-  return packDigestFile(payload, static_cast<std::uint32_t>(digests.size()));
+  return packDigestFile(payload, static_cast<std::uint32_t>(digests.size()),
+                        formatVersionFor(digests));
 }
 
 bool hasDigestMagic(std::span<const std::byte> bytes) noexcept {
@@ -396,12 +436,13 @@ bool hasDigestMagic(std::span<const std::byte> bytes) noexcept {
   return true;
 }
 
-std::vector<StoredDigest> decodePayload(std::span<const std::byte> payload, std::uint32_t count) {
+std::vector<StoredDigest> decodePayload(std::span<const std::byte> payload, std::uint32_t count,
+                                        std::uint16_t version) {
   Cursor in(payload);
   std::vector<StoredDigest> digests;
   digests.reserve(std::min<std::size_t>(count, payload.size() / 6));
   for (std::uint32_t i = 0; i < count; ++i) {
-    digests.push_back(decodeRecord(in, i));
+    digests.push_back(decodeRecord(in, i, version));
   }
   if (in.remaining() != 0) {
     refuse(FileError::TrailingPayload, "the digest payload has " + std::to_string(in.remaining()) +
@@ -424,7 +465,7 @@ DigestFile decodeDigestFile(std::span<const std::byte> bytes) {
   }
   const std::vector<std::byte> payload =
       inflatePayload(compressed, static_cast<std::size_t>(file.header.payloadSize));
-  file.digests = decodePayload(payload, file.header.digestCount);
+  file.digests = decodePayload(payload, file.header.digestCount, file.header.version);
   return file;
 }
 

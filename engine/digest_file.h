@@ -1,14 +1,14 @@
 // Digest files: one or more saved TDigest objects in a small versioned,
 // compressed, checksummed binary format of our own.
 //
-// Layout of format version 1 (every integer little-endian, written and read
-// byte by byte, never as a struct):
+// Layout of format versions 1 and 2 (every integer little-endian, written
+// and read byte by byte, never as a struct):
 //
 //   offset size  field
 //        0    8  magic 89 5A 44 47 0D 0A 1A 0A ("\x89ZDG\r\n\x1a\n"): the high
 //                byte and the line-end bytes expose 7-bit and text-mode damage
-//        8    2  format version (1)
-//       10    2  flags, 0 (no flag is defined in version 1)
+//        8    2  format version (1 or 2)
+//       10    2  flags, 0 (no flag is defined)
 //       12    1  compression method: 1 = zlib stream (RFC 1950)
 //       13    3  reserved, 0
 //       16    4  number of digests D (1 .. kMaxDigests)
@@ -28,6 +28,15 @@
 //               14 int64, 15 uint64), u8 dimension count n (2 .. 8),
 //            n x u64 dimensions, then every element as 8 bytes, in the
 //            array's column-major order (doubles as their IEEE-754 bits).
+//   version 2 only, the build record: u8 kind, then by kind
+//     0  nothing: how the digest was built is not known
+//     1  the reproducible block-tree build (engine/block_tree.h):
+//        u32 seed, u64 block size
+//
+// A version 1 record is read as a version 2 record of kind 0. The writer
+// writes version 1, byte for byte as before, when no digest has a build
+// record, so that such files stay readable by older readers; version 2
+// otherwise.
 //
 // The properties are what the runtime's save reads from an object, in its
 // order; restoring hands them back to the runtime. A newer format version
@@ -37,6 +46,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -46,7 +56,10 @@
 
 namespace zotdigest::engine {
 
-inline constexpr std::uint16_t kFormatVersion = 1;
+// The newest version read and written, and the version of files whose
+// digests carry no build record.
+inline constexpr std::uint16_t kFormatVersion = 2;
+inline constexpr std::uint16_t kPlainFormatVersion = 1;
 inline constexpr std::size_t kHeaderSize = 44;
 inline constexpr std::uint8_t kCompressionZlib = 1;
 // Bounds that keep a reader's memory proportional to what the file can
@@ -94,10 +107,19 @@ class DigestFileError : public InputError {
   FileError code_;
 };
 
-// One digest as stored: a label and the saved object.
+// How a stored digest was built (version 2 build record of kind 1).
+struct BuildRecord {
+  std::uint32_t seed = 0;
+  std::uint64_t blockSize = 0;
+  bool operator==(const BuildRecord&) const = default;
+};
+
+// One digest as stored: a label, the saved object and, when known, how it
+// was built.
 struct StoredDigest {
   std::string label;
   quorix::SavedObject saved;
+  std::optional<BuildRecord> build = std::nullopt;
 };
 
 // The fixed header fields as read from a file.
@@ -118,15 +140,18 @@ struct DigestFile {
 };
 
 // --- writing -----------------------------------------------------------------
-// The uncompressed payload of the digests. Throws InputError when a digest
-// cannot be stored (a property of another class than double, int64 or
-// uint64, a complex value, names or labels beyond the limits) or fails the
-// TDigest state check, so nothing is written that reading would refuse.
+// The uncompressed payload of the digests, in formatVersionFor(digests). Throws InputError when a
+// digest cannot be stored (a property of another class than double, int64 or uint64, a complex
+// value, names or labels beyond the limits) or fails the TDigest state check, so nothing is written
+// that reading would refuse.
 std::vector<std::byte> encodePayload(const std::vector<StoredDigest>& digests);
-// Compresses a payload and puts the header in front. digestCount is
-// written as given (tests use this to craft damaged files).
-std::vector<std::byte> packDigestFile(std::span<const std::byte> payload,
-                                      std::uint32_t digestCount);
+// The format version the digests are written in: 2 when one of them has a
+// build record, else 1.
+std::uint16_t formatVersionFor(const std::vector<StoredDigest>& digests) noexcept;
+// Compresses a payload and puts the header in front. digestCount and the
+// version are written as given (tests use this to craft damaged files).
+std::vector<std::byte> packDigestFile(std::span<const std::byte> payload, std::uint32_t digestCount,
+                                      std::uint16_t version = kPlainFormatVersion);
 // encodePayload then packDigestFile.
 std::vector<std::byte> encodeDigestFile(const std::vector<StoredDigest>& digests);
 
@@ -138,10 +163,12 @@ bool hasDigestMagic(std::span<const std::byte> bytes) noexcept;
 // one specific code; never reads outside `bytes`.
 DigestFile decodeDigestFile(std::span<const std::byte> bytes);
 
-// The records of an inflated payload that holds `count` digests: every
-// record, nothing after the last, then the TDigest state of each. Throws
-// DigestFileError (BadRecord, TrailingPayload or InvalidDigest).
-std::vector<StoredDigest> decodePayload(std::span<const std::byte> payload, std::uint32_t count);
+// The records of an inflated payload that holds `count` digests in the
+// layout of format `version`: every record, nothing after the last, then
+// the TDigest state of each. Throws DigestFileError (BadRecord,
+// TrailingPayload or InvalidDigest).
+std::vector<StoredDigest> decodePayload(std::span<const std::byte> payload, std::uint32_t count,
+                                        std::uint16_t version = kPlainFormatVersion);
 
 // CRC-32 (the zlib polynomial) of a byte span.
 std::uint32_t crc32Of(std::span<const std::byte> bytes) noexcept;

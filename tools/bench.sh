@@ -8,8 +8,13 @@ if [[ -x "$build/bin/zotdigest_bench" ]]; then
 else
   echo "bench: no benchmarks built yet"
 fi
+if [[ -x "$build/bin/zotdigest_engine_bench" ]]; then
+  QUORIX_MODULE_PATH="$PWD/$build/lib" "$build/bin/zotdigest_engine_bench" \
+    --benchmark_counters_tabular=true
+fi
 if [[ -d bench/python ]]; then
   for f in bench/python/*.py; do
-    PYTHONPATH="$PWD/$build/python" /usr/bin/python3 "$f"
+    PYTHONPATH="$PWD/$build/python" QUORIX_MODULE_PATH="$PWD/$build/lib" ZOTDIGEST_BUILD="$PWD/$build" \
+      /usr/bin/python3 "$f"
   done
 fi

@@ -80,7 +80,7 @@ PY
 heading "4. Every day"
 step "the digest at a glance" zotdigest summary latency.zd
 step "the share of requests under 10, 50, 100, 250 ms" zotdigest cdf latency.zd 10 50 100 250
-step "another day; --seed: serial, reproducible" \
+step "another day; --seed: the seed of the reproducible build" \
   zotdigest build tuesday.npy --seed 7 --label tuesday -o tuesday.zd
 step "digests merge" zotdigest merge latency.zd tuesday.zd --label week -o week.zd
 step "what the file holds" zotdigest info week.zd

@@ -19,6 +19,7 @@ packages=(
   debian-archive-keyring  # tools/tsan_tbb.sh checks the source indexes
   xz-utils  # tools/tsan_tbb.sh unpacks the oneTBB source tarball
   valgrind  # instruction counts of bench/callgrind/core_ops.cpp
+  time  # bench/python/cli_bench.py reads the tool's peak RSS with GNU time
 )
 
 missing=()

@@ -5,6 +5,7 @@
 #include "digest_files.h"
 #include "errors.h"
 #include "random_stream.h"
+#include "reproducible_build.h"
 #include "routines.h"
 #include "tdigest.h"
 #include "yardstick.h"
@@ -17,6 +18,7 @@ PYBIND11_MODULE(_core, m) {
   zp::register_random_stream(m);
   zp::register_tdigest(m);
   zp::register_routines(m);
+  zp::register_reproducible_build(m);
   zp::register_digest_files(m);
   zp::register_yardstick(m);
 }

@@ -93,3 +93,23 @@ def test_killed_worker_is_retried_without_a_wrong_answer(client, tmp_path):
     d = zd.digest(da.concatenate([x[:162], last])).compute()
     assert pathlib.Path(marker).exists()
     assert_holds_exactly(d, values)
+
+
+def _state(d):
+    return {k: np.asarray(v).tobytes() for k, v in d.__getstate__().items()}
+
+
+def test_seeded_digest_equals_the_in_memory_build_whatever_the_chunks(client):
+    B = zotdigest.BLOCK_SIZE
+    values = np.random.default_rng(14).lognormal(size=3 * B + 77).astype(np.float32)
+    expected = _state(zotdigest.digest(values, seed=9))
+    for chunks in (50_000, B - 1, 2 * B + 5):
+        got = zd.digest(da.from_array(values, chunks=chunks), seed=9).compute()
+        assert _state(got) == expected, chunks
+    series = dd.from_pandas(pd.Series(values), npartitions=7)
+    assert _state(zd.digest(series, seed=9).compute()) == expected
+    m = values[:70_000].reshape(7_000, 10)  # N-d: Fortran order, as zotdigest.digest reads it
+    got = zd.digest(da.from_array(m, chunks=(1_500, 3)), seed=2).compute()
+    assert _state(got) == _state(zotdigest.digest(m, seed=2))
+    with pytest.raises(ValueError, match="not both"):
+        zd.digest(da.from_array(values), seed=1, stream=zotdigest.RandomStream())

@@ -100,7 +100,7 @@ def test_files_round_trip_one_and_several_with_labels(tmp_path):
 def newer(data):
     import zlib
     header = bytearray(data[:44])
-    header[8] = 2
+    header[8] = 3
     header[40:44] = zlib.crc32(bytes(header[:40])).to_bytes(4, "little")
     return bytes(header) + data[44:]
 
@@ -109,7 +109,7 @@ DAMAGE = {
     "empty": (lambda b: b"", "shorter than the 44-byte header"),
     "truncated": (lambda b: b[:-10], "truncated"),
     "foreign": (lambda b: b"col\n" + b"1.5\n" * 40, "wrong magic number"),
-    "newer": (newer, "format version 2, written by a newer zotdigest"),
+    "newer": (newer, "format version 3, written by a newer zotdigest"),
     "flipped": (lambda b: b[:60] + bytes([b[60] ^ 1]) + b[61:], "checksum mismatch"),
 }
 

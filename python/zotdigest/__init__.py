@@ -67,6 +67,7 @@ from ._core import (  # noqa: E402
     merge_columns,
     module_info,
 )
+from ._core import BLOCK_SIZE, ReproducibleBuild  # noqa: E402
 from . import _files, _names, _plot  # noqa: E402
 from ._files import load, save  # noqa: E402
 from ._names import merge  # noqa: E402
@@ -84,6 +85,7 @@ __all__ = [
     "TDigest",
     "class_definition",
     "column_digests",
+    "digest",
     "load",
     "merge",
     "merge_columns",
@@ -92,6 +94,57 @@ __all__ = [
 ]
 
 __version__ = module_info()["version"]
+
+
+# --- the reproducible build ------------------------------------------------------
+
+
+def _is_chunk_sequence(data):
+    """True for an iterable of arrays; False for one input as TDigest takes it.
+
+    A NumPy array, a number, None, a str or anything with __array__ is one
+    input; a list or tuple is one input unless one of its items is an array
+    of one dimension or more (then each item is a chunk); any other iterable
+    (a generator, an iterator, a file of chunks) is a sequence of chunks."""
+    import numpy as np
+
+    if data is None or isinstance(data, (np.ndarray, np.generic, str, bytes, int, float, complex)):
+        return False
+    if hasattr(data, "__array__"):
+        return False
+    if isinstance(data, (list, tuple)):
+        return any(isinstance(item, np.ndarray) and item.ndim > 0 for item in data)
+    try:
+        iter(data)
+    except TypeError:
+        return False
+    return True
+
+
+def digest(data, delta=100.0, seed=0, threads=None):
+    """digest(data, delta=100.0, seed=0, threads=None)
+
+The reproducible digest of `data`: the same TDigest, bit for bit, for the
+same values, `delta` and `seed` (a whole number in [0, 2**32)), on any
+number of threads (`threads`: None for every core), in any chunks, on any
+machine, and equal to zotdigest.dask.digest and `zotdigest build --seed`.
+
+`data` is anything TDigest accepts (N-d arrays in Fortran order, the
+module's element order), or an iterable of such arrays whose elements are
+taken one after the other, as if concatenated.
+
+The values are cut into blocks of BLOCK_SIZE; block k is digested serially
+on substream 2k + 1 of an "mrg32k3a" stream of `seed`, and the block
+digests are merged pairwise in a fixed binary tree over block indices (node
+j of level L merged on substream j*2**(L+1) + 2**L, an odd node out carried
+up unchanged). TDigest(data) stays the module's own constructor."""
+    build = ReproducibleBuild(float(delta), seed, threads)
+    if _is_chunk_sequence(data):
+        for chunk in data:
+            build.append(chunk)
+    else:
+        build.append(data)
+    return build.finish()
 
 
 # --- docstrings ----------------------------------------------------------------

@@ -1,22 +1,30 @@
-"""Digests of Dask collections: one digest per chunk, merged in a tree.
+"""Digests of Dask collections.
 
-Each chunk is summarised where it lives by the TDigest constructor; the small
-digests then travel (pickled, in their compact form of about 16 kB for
-delta 100) to be combined by the module's array merge, a
-few at a time (``split_every``, as in Dask's own reductions). The result is
-lazy: call ``.compute()`` or pass it to ``dask.compute``.
+``digest(x, seed=s)`` is the reproducible build of zotdigest.digest, computed
+on the cluster: its result equals ``zotdigest.digest(x.compute(), seed=s)``
+bit for bit, whatever the chunking and the number of workers (N-d arrays in
+Fortran order, the element order zotdigest.digest reads them in).
 
     import dask.array as da, zotdigest.dask as zd
     x = da.random.normal(size=10_000_000, chunks=1_000_000)
-    d = zd.digest(x, delta=100).compute()      # a zotdigest.TDigest
+    d = zd.digest(x, delta=100, seed=7).compute()   # a zotdigest.TDigest
     d.icdf([0.5, 0.99])
 
-Randomness: without a stream, every chunk is built on all cores of its worker
-(not reproducible from run to run) and merges draw from the worker's default
-stream. With a RandomStream, one whole number is drawn from it here, on the
-client, and each task of the graph gets its own seeded stream derived from
-that number and the task's position, so the same stream state gives the same
-digest on any cluster, whatever the scheduling.
+How. The elements are flattened and rechunked so that every chunk holds
+2**K whole blocks of zotdigest.BLOCK_SIZE values (the last chunk fewer),
+2**K chosen near the collection's own chunk size. Chunk i then starts at
+block i * 2**K: its worker builds node i of tree level K with the engine's
+build started at that block, and those nodes are merged pairwise in the
+fixed tree of the definition (node j of level L + 1 from nodes 2j and
+2j + 1 of level L, an odd node out carried up unchanged). Every merge is
+the one the in-memory build makes, so the digests are the same. Digests
+travel between workers pickled, in their compact form (about 16 kB at
+delta 100).
+
+With a RandomStream instead of a seed, the older per-chunk build runs: one
+digest per chunk, seeded from the stream, merged ``split_every`` at a time;
+reproducible for a given stream state and chunking, but not equal to
+zotdigest.digest.
 
 Nothing in the graph holds a pointer: tasks carry NumPy blocks, numbers and
 pickled digests only.
@@ -29,7 +37,10 @@ import numpy as _np
 import dask as _dask
 import dask.array as _da
 
-from . import RandomStream, TDigest, column_digests as _column_build
+from . import BLOCK_SIZE as _BLOCK_SIZE
+from . import RandomStream, ReproducibleBuild as _ReproducibleBuild, TDigest
+from . import column_digests as _column_build
+from ._core import merge_tree_nodes as _merge_tree_nodes
 from . import merge_columns as _merge_columns
 from . import merge as _merge_digests
 
@@ -57,6 +68,16 @@ def _chunk_digest(block, delta, seed):
 
 def _combine_digests(digests, seed):
     return _merge_digests(list(digests), _stream_for(seed))
+
+
+def _subtree_digest(block, delta, seed, first_block):
+    build = _ReproducibleBuild(delta, seed, None, first_block)
+    build.append(_np.asarray(block))
+    return build.finish()
+
+
+def _merge_nodes(left, right, level, index, seed):
+    return _merge_tree_nodes(left, right, level, index, seed)
 
 
 def _chunk_columns(block, delta, seed):
@@ -143,22 +164,88 @@ def _chunks_of(data):
                     % type(data).__name__)
 
 
+def _flat_elements(data):
+    """The elements of a Dask array (Fortran order) or Series as a 1-D Dask
+    array of known chunk sizes."""
+    try:
+        import dask.dataframe as _dd
+    except ImportError:  # pragma: no cover - dataframes are optional
+        _dd = None
+    if isinstance(data, _da.Array):
+        flat = data.transpose().ravel() if data.ndim > 1 else data.reshape(-1)
+    elif _dd is not None and isinstance(data, _dd.Series):
+        flat = data.to_dask_array(lengths=True)
+    else:
+        raise TypeError("data must be a dask.array.Array or a dask.dataframe.Series, not %s"
+                        % type(data).__name__)
+    if any(_np.isnan(c) for c in flat.chunks[0]):
+        flat = flat.compute_chunk_sizes()
+    return flat
+
+
+def _blocks_per_chunk(flat):
+    """2**K blocks, near the collection's largest chunk."""
+    largest = max(flat.chunks[0]) if flat.chunks[0] else 0
+    blocks = max(1, int(round(largest / _BLOCK_SIZE)))
+    return 1 << (blocks.bit_length() - 1)
+
+
+def _reproducible_digest(data, delta, seed):
+    if isinstance(seed, bool) or not isinstance(seed, _numbers.Integral) or not 0 <= seed < _SEED_SPACE:
+        raise ValueError("seed must be a whole number in [0, 2**32)")
+    seed = int(seed)
+    flat = _flat_elements(data)
+    name = "zotdigest-" + _dask.base.tokenize(flat, delta, seed, _BLOCK_SIZE)
+    if flat.shape[0] == 0:
+        return _dask.delayed(_subtree_digest, pure=True)(
+            _np.empty(0), delta, seed, 0, dask_key_name=name + "-empty")
+    per_chunk = _blocks_per_chunk(flat)
+    level = per_chunk.bit_length() - 1
+    chunks = flat.rechunk(per_chunk * _BLOCK_SIZE).to_delayed().ravel()
+    nodes = [
+        _dask.delayed(_subtree_digest, pure=True)(
+            block, delta, seed, i * per_chunk, dask_key_name="%s-chunk-%d" % (name, i))
+        for i, block in enumerate(chunks)
+    ]
+    while len(nodes) > 1:
+        level += 1
+        nodes = [
+            _dask.delayed(_merge_nodes, pure=True)(
+                nodes[j], nodes[j + 1], level, j // 2, seed,
+                dask_key_name="%s-merge-%d-%d" % (name, level, j // 2))
+            if j + 1 < len(nodes) else nodes[j]
+            for j in range(0, len(nodes), 2)
+        ]
+    return nodes[0]
+
+
 # --- public API ------------------------------------------------------------------
 
 
-def digest(data, delta=100.0, stream=None, split_every=None):
+def digest(data, delta=100.0, stream=None, split_every=None, seed=None):
     """A lazy TDigest of every element of a Dask array (any shape, any of the
     ten numeric dtypes) or Dask Series.
 
-    One digest per chunk, then a tree of array merges taking `split_every`
-    digests at a time (Dask's default when None; False merges all at once).
-    Empty chunks give empty digests; an empty collection gives an empty
-    digest with this delta. Raises zotdigest.HostError for a bad delta at once,
-    and for bad data (complex, non-numeric) when computed.
+    Without a stream: the reproducible build with `seed` (0 when None), equal
+    bit for bit to zotdigest.digest(data.compute(), delta, seed) whatever the
+    chunks and workers (see the module's note); `split_every` is checked but
+    the tree is fixed.
+
+    With a RandomStream: one digest per chunk, then a tree of array merges
+    taking `split_every` digests at a time (Dask's default when None; False
+    merges all at once).
+
+    An empty collection gives an empty digest with this delta. Raises
+    zotdigest.HostError for a bad delta at once, and for bad data (complex,
+    non-numeric) when computed.
     """
     delta = _check_delta(delta)
-    seeds = _Seeds(stream)
     _split_every(split_every)
+    if stream is None:
+        return _reproducible_digest(data, delta, 0 if seed is None else seed)
+    if seed is not None:
+        raise ValueError("give a seed or a stream, not both")
+    seeds = _Seeds(stream)
     name = "zotdigest-" + _dask.base.tokenize(data, delta, seeds._base, split_every)
     parts = [
         _dask.delayed(_chunk_digest, pure=True)(

@@ -1,5 +1,6 @@
 """Digest files: what info and verify report, refusal of a damaged file by
-every command, atomic replacement, and the golden files of format version 1.
+every command, atomic replacement, and the golden files of format versions 1
+and 2 (the latter also built again from its values).
 The damage to each field is tabled in the decoder's unit tests."""
 import json
 import os
@@ -92,3 +93,43 @@ def test_golden_v1_files_read_back_through_info_verify_and_centroids(name):
             w["label"], w["delta"], w["data_points"], w["centroids"])
         assert [c["mean"] for c in g["centroids"]] == w["means"]
         assert [c["count"] for c in g["centroids"]] == w["counts"]
+
+
+# --- build records (format version 2) ------------------------------------------
+
+
+def test_info_shows_how_a_digest_was_built_and_merges_and_old_files_say_nothing(tmp_path):
+    x = np.random.default_rng(2).normal(size=300_000)
+    np.save(tmp_path / "x.npy", x)
+    (tmp_path / "x.txt").write_text("\n".join(repr(v) for v in x))
+    ok("build", tmp_path / "x.npy", "--seed", 12, "--threads", 1, "-o", tmp_path / "a.zd")
+    info = ok("info", tmp_path / "a.zd", "--json").json()["files"][0]
+    assert info["format_version"] == 2
+    assert info["digests"][0]["build"] == {"kind": "block tree", "seed": 12, "block_size": 262144}
+    assert "seed 12, blocks of 262144" in ok("info", tmp_path / "a.zd").out
+    # The same numbers as text, read in other chunks on every core: the same digest.
+    ok("build", tmp_path / "x.txt", "--seed", 12, "-o", tmp_path / "b.zd")
+    centroids = [ok("centroids", tmp_path / f, "--json", "--precision", 0).json() for f in ("a.zd", "b.zd")]
+    assert centroids[0] == centroids[1]
+    ok("merge", "-o", tmp_path / "m.zd", tmp_path / "a.zd", tmp_path / "b.zd")
+    for path in (tmp_path / "m.zd", DATA / "golden_v1_single.zd"):
+        info = ok("info", path, "--json").json()["files"][0]
+        assert info["format_version"] == 1 and "build" not in info["digests"][0]
+
+
+def test_golden_v2_file_reads_back_and_the_same_values_build_it_again(tmp_path):
+    path, want = DATA / "golden_v2_built.zd", json.loads((DATA / "golden_v2_expected.json").read_text())
+    info = ok("info", path, "--json").json()["files"][0]
+    d = info["digests"][0]
+    assert (info["format_version"], d["label"], d["delta"], d["data_points"], d["build"]) == (
+        want["format_version"], want["label"], want["delta"], want["data_points"], want["build"])
+    assert "OK (format 2, 1 digest" in ok("verify", path).out
+    # The values of tests/data/make_golden_v2.sh, built again on one thread: the
+    # definition of the reproducible build has not moved.
+    i = np.arange(2 * 262144 + 1000, dtype=np.float64)
+    np.save(tmp_path / "built.npy", (i * 7919 % 10007) / 100.0 + np.exp((i % 97) / 12.0))
+    for source in (path, tmp_path / "built.npy"):
+        got = ok("centroids", source, "--delta", 50, "--seed", 7, "--threads", 1, "--json",
+                 "--precision", 0).json()["digests"][0]["centroids"]
+        assert [c["mean"] for c in got] == want["means"], source
+        assert [c["count"] for c in got] == want["counts"], source

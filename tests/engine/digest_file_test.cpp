@@ -137,10 +137,33 @@ TEST(DigestFile, round_trip_keeps_every_bit_every_label_and_the_order) {
     digests.push_back(StoredDigest{label, savedDigest(trees[i], 7.5 * static_cast<double>(i + 1))});
   }
   const DigestFile back = decodeDigestFile(encodeDigestFile(digests));
-  EXPECT_EQ(back.header.version, kFormatVersion);
+  EXPECT_EQ(back.header.version, kPlainFormatVersion);
   EXPECT_EQ(back.header.digestCount, trees.size());
   // The payload records every label, class, property, dimension and bit.
   EXPECT_EQ(encodePayload(back.digests), encodePayload(digests));
+}
+
+// Version 2 carries a build record per digest (kind 0 where unknown); a
+// file without any is written as version 1, and an unknown kind is refused.
+TEST(DigestFile, build_records_round_trip_in_version_2) {
+  std::vector<StoredDigest> digests;
+  digests.push_back(StoredDigest{"a", savedDigest(tree(2)), BuildRecord{4000000000u, 65536}});
+  digests.push_back(StoredDigest{"b", savedDigest(tree(1)), std::nullopt});
+  const Bytes file = encodeDigestFile(digests);
+  const DigestFile back = decodeDigestFile(file);
+  EXPECT_EQ(back.header.version, 2);
+  EXPECT_EQ(back.digests[0].build, (BuildRecord{4000000000u, 65536}));
+  EXPECT_FALSE(back.digests[1].build);
+  EXPECT_EQ(encodePayload(back.digests), encodePayload(digests));
+  digests.pop_back();
+  Bytes payload = encodePayload(digests);
+  const std::size_t kind = payload.size() - 13;  // u8 kind, u32 seed, u64 block size
+  payload[kind] = std::byte{7};
+  expectRefused(packDigestFile(payload, 1, 2), FileError::BadRecord, "unknown build record kind 7");
+  payload[kind] = std::byte{1};
+  payload.resize(kind + 1);
+  expectRefused(packDigestFile(payload, 1, 2), FileError::BadRecord,
+                "ends inside the build record's seed");
 }
 
 // Sets a header field and, unless told not to, reseals the header.
