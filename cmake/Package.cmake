@@ -38,6 +38,7 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zotdigestConfig.cmake
 # The pkg-config file finds the prefix from its own place, so an install
 # with --prefix anywhere stays usable.
 file(RELATIVE_PATH ZOTDIGEST_PC_TO_PREFIX /root/${CMAKE_INSTALL_LIBDIR}/pkgconfig /root)
+string(REGEX REPLACE "/$" "" ZOTDIGEST_PC_TO_PREFIX "${ZOTDIGEST_PC_TO_PREFIX}")
 configure_file(cmake/templates/zotdigest.pc.in ${CMAKE_CURRENT_BINARY_DIR}/zotdigest.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zotdigest.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
