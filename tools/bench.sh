@@ -3,6 +3,18 @@
 # shared two-core machine swing by a quarter: compare ratios within one run.
 set -euo pipefail
 build=${1:-build}
+
+# The figures belong to the build that made them: say which. `make bench`
+# measures the tree `make build` makes, the one the README tells users to
+# build.
+cache="$build/CMakeCache.txt"
+if [[ -f "$cache" ]]; then
+  type=$(sed -n 's/^CMAKE_BUILD_TYPE:[A-Z]*=//p' "$cache")
+  cxx=$(sed -n 's/^CMAKE_CXX_COMPILER:[A-Z]*=//p' "$cache")
+  flags=$(sed -n "s/^CMAKE_CXX_FLAGS_${type^^}:[A-Z]*=//p" "$cache")
+  echo "bench: $build, build type ${type:-none} ($flags), $("${cxx:-c++}" --version | head -n1)"
+  echo "bench: $(nproc) cores, load average $(cut -d' ' -f1-3 /proc/loadavg)"
+fi
 if [[ -x "$build/bin/zotdigest_bench" ]]; then
   "$build/bin/zotdigest_bench" --benchmark_counters_tabular=true
 else
