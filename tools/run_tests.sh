@@ -122,14 +122,16 @@ step() {
 # install_consumer TREE: installs the tree's C++ package into a temporary
 # prefix, then builds and runs tests/install_consumer against it alone.
 install_consumer() {
-  local tree=$1 work
+  local tree=$1 work rc
   work=$(mktemp -d) || return 1
-  trap 'rm -rf "$work"' RETURN
   cmake --install "$tree" --prefix "$work/prefix" --component dev &&
     cmake -S tests/install_consumer -B "$work/build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
       -DCMAKE_PREFIX_PATH="$work/prefix" -DCMAKE_CXX_COMPILER="$(sed -n 's/^CMAKE_CXX_COMPILER:[A-Z]*=//p' "$tree/CMakeCache.txt")" &&
     cmake --build "$work/build" &&
     "$work/build/consumer" | tee "$work/out" && grep -qx 'median of 5 values: 3' "$work/out"
+  rc=$?
+  rm -rf "$work"
+  return $rc
 }
 
 if build_tree release build -DCMAKE_BUILD_TYPE=RelWithDebInfo; then
