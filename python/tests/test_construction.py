@@ -3,7 +3,7 @@
 import numpy as np
 import pytest
 
-from zotdigest import HostError, RandomStream, TDigest, merge
+from zotdigest import HostError, RandomStream, TDigest
 
 DATA = np.random.default_rng(11).normal(size=2000)
 
@@ -23,8 +23,7 @@ def test_every_constructor_form_adds_all_data(args, delta):
 
 
 def test_keyword_arguments_name_the_same_inputs():
-    a = TDigest(DATA, None, RandomStream(seed=4))
-    b = TDigest(data=DATA, stream=RandomStream(seed=4))
+    a, b = TDigest(DATA, None, RandomStream(seed=4)), TDigest(data=DATA, stream=RandomStream(seed=4))
     np.testing.assert_array_equal(a.centroids()[0], b.centroids()[0])
 
 
@@ -46,19 +45,15 @@ class TestAnswerShapes:
         answer = self.digest.cdf(np.float32(0.25))
         assert type(answer) is np.float64 and answer == pytest.approx(self.digest.cdf(0.25), abs=1e-7)
 
-    @pytest.mark.parametrize("n", [0, 1, 5])
-    def test_a_1d_argument_of_n_gives_1d_of_n(self, n):
-        q = np.linspace(0.1, 0.9, n)
+    @pytest.mark.parametrize("shape, answer_shape", [((0,), (0,)), ((1,), (1,)), ((5,), (5,)), ((4, 1), (4, 1)),
+                                                     ((1, 4), (1, 4)), ((2, 3, 4), (2, 12))])
+    def test_an_array_gives_the_modules_answer_in_element_order_1d_stays_1d(self, shape, answer_shape):
+        q = np.random.default_rng(3).uniform(0, 0.49, size=shape)
         for query in ("cdf", "icdf", "trimmedMean"):
-            assert getattr(self.digest, query)(q * 0.5).shape == (n,)
-        assert self.digest.icdf(list(q)).shape == (n,)
-
-    @pytest.mark.parametrize("shape, answer_shape", [((4, 1), (4, 1)), ((1, 4), (1, 4)), ((2, 3, 4), (2, 12))])
-    def test_2d_and_higher_give_the_modules_2d_answer_in_element_order(self, shape, answer_shape):
-        q = np.random.default_rng(3).uniform(size=shape)
-        answer = self.digest.icdf(q)
-        assert answer.shape == answer_shape
-        np.testing.assert_array_equal(answer.ravel(order="F"), self.digest.icdf(q.ravel(order="F")))
+            answer = getattr(self.digest, query)(q)
+            assert answer.shape == answer_shape
+            np.testing.assert_array_equal(answer.ravel(order="F"), getattr(self.digest, query)(q.ravel(order="F")))
+        assert self.digest.icdf(q.ravel().tolist()).shape == (q.size,)
 
     def test_centroids_are_1d_float64_means_and_uint64_counts(self):
         means, counts = self.digest.centroids()
@@ -82,16 +77,4 @@ def test_answers_are_about_the_numbers_handed_over_and_add_and_merge_accumulate(
     b = TDigest(DATA)
     d.merge(b)
     assert (d.NumDataPoints, b.NumDataPoints) == (x.size + DATA.size, DATA.size)
-    assert merge([d, b]).NumDataPoints == x.size + 2 * DATA.size
 
-
-@pytest.mark.parametrize("how", ["constructor", "add-serial", "add-parallel"])
-def test_nan_is_skipped_and_not_counted_and_infinities_are_kept(how):
-    x = np.random.default_rng(3).normal(size=500_000)
-    x[::5], x[1], x[300_001] = np.nan, -np.inf, np.inf
-    d = TDigest(x) if how == "constructor" else TDigest()
-    if how != "constructor":
-        d.add(x, RandomStream(seed=4)) if how == "add-serial" else d.add(x)
-    means, counts = d.centroids()
-    assert d.NumDataPoints == int(counts.sum()) == 400_000
-    assert not np.isnan(means).any() and -np.inf in means and np.inf in means

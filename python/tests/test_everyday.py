@@ -1,26 +1,15 @@
 """The everyday Python names, digest files, the compact form and pickles."""
 
 import os
-import pathlib
 import pickle
-import subprocess
 
 import numpy as np
 import pytest
+from digest_bits import answers as state
+from digest_bits import bits
 
 import zotdigest
 from zotdigest import HostValueError, RandomStream, TDigest
-
-
-def bits(values):
-    return np.asarray(values, dtype=np.float64).view(np.uint64).tolist()
-
-
-def state(d):
-    """Everything observable of a digest, as bits."""
-    means, counts = d.centroids()
-    return [d.Delta, d.NumCentroids, d.NumDataPoints, bits(means), counts.tolist(),
-            bits(d.icdf(np.linspace(0, 1, 101)))]
 
 
 def random_digests(count=6):
@@ -55,7 +44,7 @@ def test_the_python_names_answer_as_the_modules_members_bit_for_bit(arg):
 
 def test_percentile_is_the_quantile_of_p_over_100_and_update_is_add():
     d = next(random_digests())
-    p = np.array([0.0, 1.0, 50.0, 99.9, 100.0])
+    p = np.array([0.0, 1.0, 57.0, 99.99, 100.0])  # 57 / 100 != 57 * 0.01
     assert bits(d.percentile(p)) == bits(d.icdf(p / 100))
     assert bits(d.percentile(99.9)) == bits(d.icdf(99.9 / 100))
     assert bits(d.percentile([1, 99.9])) == bits(d.icdf(np.array([1, 99.9]) / 100))
@@ -67,15 +56,6 @@ def test_percentile_is_the_quantile_of_p_over_100_and_update_is_add():
     a.update(data, RandomStream(seed=5))
     b.add(data, RandomStream(seed=5))
     assert state(a) == state(b)
-    for name in ["quantile", "percentile", "trimmed_mean", "update", "count", "delta"]:
-        assert len(getattr(TDigest, name).__doc__) > 60
-
-
-def test_merge_takes_any_iterable_of_digests():
-    digests = [TDigest(np.arange(i, 100.0 + i)) for i in range(4)]
-    for given in [digests, tuple(digests), iter(digests), (d for d in digests), {0: digests[0]}.values()]:
-        merged = zotdigest.merge(given, RandomStream(seed=1))
-        assert merged.count == 100 * (len(given) if hasattr(given, "__len__") else 4)
 
 
 # --- digest files ------------------------------------------------------------------
@@ -97,19 +77,8 @@ def test_files_round_trip_one_and_several_with_labels(tmp_path):
     assert sorted(os.listdir(tmp_path)) == ["one.zd", "several.zd"]
 
 
-def newer(data):
-    import zlib
-    header = bytearray(data[:44])
-    header[8] = 3
-    header[40:44] = zlib.crc32(bytes(header[:40])).to_bytes(4, "little")
-    return bytes(header) + data[44:]
-
-
 DAMAGE = {
-    "empty": (lambda b: b"", "shorter than the 44-byte header"),
     "truncated": (lambda b: b[:-10], "truncated"),
-    "foreign": (lambda b: b"col\n" + b"1.5\n" * 40, "wrong magic number"),
-    "newer": (newer, "format version 3, written by a newer zotdigest"),
     "flipped": (lambda b: b[:60] + bytes([b[60] ^ 1]) + b[61:], "checksum mismatch"),
 }
 
@@ -154,27 +123,10 @@ def test_unwritable_places_and_bad_arguments_are_refused(tmp_path):
     assert not (tmp_path / "d.zd").exists()
 
 
-TOOL = pathlib.Path(os.environ.get("ZOTDIGEST_BUILD", "build")) / "bin" / "zotdigest"
-
-
-@pytest.mark.skipif(not TOOL.exists(), reason="the command-line tool is not built")
-def test_files_are_the_command_line_tools(tmp_path):
-    env = dict(os.environ, QUORIX_MODULE_PATH=str(TOOL.parent.parent / "lib"))
-    data = np.random.default_rng(4).exponential(size=20_000)
-    np.savetxt(tmp_path / "x.txt", data)
-    subprocess.run([TOOL, "build", "--seed", "1", "-o", tmp_path / "cli.zd", tmp_path / "x.txt"],
-                   check=True, env=env)
-    d = zotdigest.load(tmp_path / "cli.zd")
-    zotdigest.save(tmp_path / "py.zd", d)
-    out = subprocess.run([TOOL, "quantile", "--json", tmp_path / "py.zd", "0.5"], check=True,
-                         env=env, capture_output=True, text=True).stdout
-    assert repr(d.quantile(0.5)) in out or f"{d.quantile(0.5):.17g}" in out
-
-
 # --- compact form and pickles --------------------------------------------------------
 
 
-def test_pickles_are_compact_restore_bit_for_bit_and_getstate_stays():
+def test_pickles_and_dask_frames_are_compact_and_restore_bit_for_bit():
     d = TDigest(np.random.default_rng(1).normal(size=1_000_000), 100)
     blob = pickle.dumps(d)
     assert len(blob) < 20_000
@@ -184,17 +136,5 @@ def test_pickles_are_compact_restore_bit_for_bit_and_getstate_stays():
     assert sum(len(f) for f in frames) < 20_000
     assert state(distributed.deserialize(header, frames)) == state(d)
     assert state(pickle.loads(blob)) == state(d) == state(TDigest.from_bytes(d.to_bytes()))
-    assert list(d.__getstate__()) == ["AVLTreeSummary", "Delta", "NumCentroids", "NumDataPoints"]
     assert state(TDigest.from_bytes(memoryview(TDigest().to_bytes()))) == state(TDigest())
 
-
-class Latencies(TDigest):
-    pass
-
-
-def test_a_subclass_pickles_and_copies_as_itself():
-    import copy
-
-    d = Latencies(np.arange(100.0))
-    for c in (pickle.loads(pickle.dumps(d)), copy.deepcopy(d), Latencies.from_bytes(d.to_bytes())):
-        assert type(c) is Latencies and state(c) == state(d)

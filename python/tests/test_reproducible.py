@@ -8,15 +8,11 @@ import subprocess
 
 import numpy as np
 import pytest
+from digest_bits import saved as state
 
 import zotdigest
 
 B = zotdigest.BLOCK_SIZE
-
-
-def state(d):
-    """Every saved property, bit for bit."""
-    return {k: np.asarray(v).tobytes() for k, v in d.__getstate__().items()}
 
 
 @pytest.fixture(scope="module")
@@ -26,9 +22,9 @@ def values():
 
 def test_threads_and_chunkings_give_one_digest(values):
     expected = state(zotdigest.digest(values))
-    for threads in (1, 2, 4, 8):
+    for threads in (1, 3):  # every thread count and chunking: the engine's tests
         assert state(zotdigest.digest(values, threads=threads)) == expected, threads
-    for size in (B - 1, B, B + 1, 10**6):  # 1 and 7: the engine's tests
+    for size in (B - 1, 10**6):
         chunks = (values[i:i + size] for i in range(0, values.size, size))
         assert state(zotdigest.digest(chunks)) == expected, size
     # A list of arrays is a sequence of chunks, each in its own dtype.
@@ -48,25 +44,17 @@ def test_seed_delta_and_element_order(values):
 
 @pytest.mark.parametrize("data", [None, [], np.zeros(0, np.int8), [1.5], np.arange(B - 1)])
 def test_empty_and_short_inputs(data):
-    d = zotdigest.digest(data, delta=30)
+    d = zotdigest.digest(data, delta=30)  # the tree against its definition: the engine's tests
     assert d.Delta == 30.0 and d.NumDataPoints == np.size(data if data is not None else [])
-    # One short block is the serial build on substream 1 of the seed's stream.
-    if d.NumDataPoints:
-        serial = zotdigest.TDigest(np.asarray(data), 30.0, zotdigest.RandomStream("mrg32k3a", 0))
-        assert state(d) == state(serial)
 
 
-def test_refusals():
-    with pytest.raises(ValueError, match="seed"):
-        zotdigest.digest([1.0], seed=-1)
-    with pytest.raises(ValueError, match="seed"):
-        zotdigest.digest([1.0], seed=2**32)
-    with pytest.raises(ValueError, match="threads"):
-        zotdigest.digest([1.0], threads=0)
-    with pytest.raises(zotdigest.HostValueError):
-        zotdigest.digest([1.0], delta=0)
-    with pytest.raises(zotdigest.HostTypeError):
-        zotdigest.digest(np.ones(3, complex))
+@pytest.mark.parametrize("data, kw, error, match", [
+    ([1.0], {"seed": -1}, ValueError, "seed"), ([1.0], {"seed": 2**32}, ValueError, "seed"),
+    ([1.0], {"threads": 0}, ValueError, "threads"), ([1.0], {"delta": 0}, zotdigest.HostValueError, None),
+    (np.ones(3, complex), {}, zotdigest.HostTypeError, None)])
+def test_refusals(data, kw, error, match):
+    with pytest.raises(error, match=match):
+        zotdigest.digest(data, **kw)
 
 
 def test_the_cli_builds_the_same_digest(values, tmp_path):

@@ -13,8 +13,12 @@ def weights(digests):
 PARTS = [TDigest(np.arange(k, k + 100.0)) for k in (0, 100, 200)]
 
 
-@pytest.mark.parametrize("container", [list, tuple, lambda p: np.array(p, dtype=object).reshape(1, 3)])
-def test_merge_takes_a_list_or_array_into_one_digest(container):
+CONTAINERS = [list, tuple, iter, lambda p: (d for d in p), lambda p: dict(enumerate(p)).values(),
+              lambda p: np.array(p, dtype=object).reshape(1, 3)]
+
+
+@pytest.mark.parametrize("container", CONTAINERS)
+def test_merge_takes_an_iterable_or_array_into_one_digest(container):
     merged = merge(container(PARTS))
     assert isinstance(merged, TDigest) and merged.NumDataPoints == 300
     # 300 centroids, too few to compress: the ends are exact, and icdf(0)
@@ -34,13 +38,9 @@ def test_column_digests_give_one_digest_per_column_in_the_modules_shape(shape, r
         np.testing.assert_array_equal(d.centroids()[0], np.sort(data.reshape(shape[0], -1, order="F")[:, i]))
 
 
-def test_column_digests_take_delta_and_stream_and_default_to_delta_100():
+def test_column_digests_take_delta_and_stream_and_merge_columns_merges_down_the_first_dimension():
     digests = column_digests(np.ones((4, 3), np.int32), 30, RandomStream(seed=2))
     assert [d.Delta for d in digests.flat] == [30.0] * 3 and weights(digests).tolist() == [[4, 4, 4]]
-    assert [d.Delta for d in column_digests(np.ones((4, 2))).flat] == [100.0] * 2
-
-
-def test_merge_columns_merges_down_the_first_dimension():
     digests = column_digests(np.arange(24.0).reshape(2, 3, 4))
     merged = merge_columns(np.concatenate([digests, digests, digests], axis=0))
     assert merged.shape == (1, 3, 4) and np.all(weights(merged) == 6)

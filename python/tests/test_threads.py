@@ -46,7 +46,7 @@ def interleavings(a, b, steps):
     return passed, ends
 
 
-def test_threads_on_separate_digests_get_the_answers_of_one_thread_and_take_turns_on_one():
+def test_threads_on_separate_digests_get_the_answers_of_one_thread_and_take_turns_on_one_seeing_whole_adds():
     data = [np.random.default_rng(k).normal(size=300_000) for k in range(4)]
 
     def answers(k):
@@ -64,10 +64,17 @@ def test_threads_on_separate_digests_get_the_answers_of_one_thread_and_take_turn
             target.merge(source)
             routine_weights.append(merge([target, source]).NumDataPoints)
 
+    def reader():  # never sees an add half done
+        while (n := int(shared.centroids()[1].sum())) < 1_200_000:
+            assert n % 300_000 == 0, n
+            if n:
+                low, high = shared.icdf(np.array([0.0, 1.0]))
+                assert low <= high and 0.0 < shared.cdf(float(high)) <= 1.0
+
     alone, together = [answers(k) for k in range(4)], [None] * 4
     shared, a, b = TDigest(), TDigest(np.arange(1000.0)), TDigest(np.arange(1000.0))
     run_threads([lambda k=k: together.__setitem__(k, answers(k)) for k in range(4)]
-                + [lambda x=x: shared.add(x) for x in data]
+                + [lambda x=x: shared.add(x) for x in data] + [reader, reader]
                 + [lambda: crossed(a, b), lambda: crossed(b, a)])
     assert together == alone
     assert shared.NumDataPoints == int(shared.centroids()[1].sum()) == 1_200_000
@@ -79,30 +86,3 @@ def test_threads_on_separate_digests_get_the_answers_of_one_thread_and_take_turn
     for d in (a, b):
         assert int(d.centroids()[1].sum()) == d.NumDataPoints
 
-
-def test_queries_while_another_thread_adds_see_whole_adds():
-    chunk, chunks = 20_000, 30
-    d, done = TDigest(None, 50), threading.Event()
-
-    def adder():
-        try:
-            for k in range(chunks):
-                d.add(np.random.default_rng(k).normal(size=chunk) + k)
-        finally:
-            done.set()
-
-    def reader():
-        last = 0
-        while True:
-            finished = done.is_set()
-            n = int(d.centroids()[1].sum())
-            assert n % chunk == 0 and n >= last, (n, last)  # no add seen half done
-            if n:
-                low, high = d.icdf(np.array([0.0, 1.0]))
-                assert low <= high and 0.0 < d.cdf(float(high)) <= 1.0
-            last = n
-            if finished:
-                return
-
-    run_threads([adder, reader, reader])
-    assert d.NumDataPoints == chunk * chunks

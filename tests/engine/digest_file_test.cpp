@@ -201,7 +201,6 @@ TEST(DigestFileDamage, each_damaged_header_field_is_refused_for_its_own_reason) 
       {set(24, 8, packed * 1032 + 2048), E::BadPayloadSize, "impossible payload size"},
       {set(32, 8, ~std::uint64_t{0}), E::BadPayloadSize, "impossible compressed size"},
       {set(24, 8, header.payloadSize + 1), E::PayloadLength, "does not inflate to the announced"},
-      {set(24, 8, header.payloadSize - 1), E::PayloadLength, "does not inflate to the announced"},
       {[](Bytes& b) { b.pop_back(); }, E::Truncated, "truncated"},
       {[](Bytes& b) { b.push_back(std::byte{0}); }, E::TrailingData, "1 unexpected bytes"},
       {[](Bytes& b) { b[kHeaderSize + 5] ^= std::byte{1}; }, E::PayloadChecksum, "payload is"},
