@@ -92,13 +92,17 @@ void BM_Sort_Doubles(benchmark::State& state) {
   reportPerValue(state, kValues);
 }
 
-void BM_TDigest_Add(benchmark::State& state) {
-  const int input = static_cast<int>(state.range(0));
-  const auto delta = static_cast<double>(state.range(1));
-  const std::vector<double>& data = values(input);
+// Times serial adds of `data` into a fresh digest at `delta` per
+// iteration, the stream's set-up left out: thread CPU seconds in all, and
+// the last digest's weight and centroid count.
+struct SerialAddRun {
+  double seconds = 0.0;
   std::uint64_t total = 0;
   std::uint64_t centroids = 0;
-  double seconds = 0.0;
+};
+
+SerialAddRun timeSerialAdd(benchmark::State& state, const std::vector<double>& data, double delta) {
+  SerialAddRun run;
   for (auto _ : state) {
     state.PauseTiming();
     auto stream = seededStream(1);
@@ -108,16 +112,23 @@ void BM_TDigest_Add(benchmark::State& state) {
     state.ResumeTiming();
     const double start = threadSeconds();
     for (const double x : data) digest.add(x);
-    seconds += threadSeconds() - start;
-    total = digest.totalWeight;
-    centroids = digest.tree.size();
+    run.seconds += threadSeconds() - start;
+    run.total = digest.totalWeight;
+    run.centroids = digest.tree.size();
   }
-  if (total != kValues) state.SkipWithError("the digest lost weight");
-  if (static_cast<double>(centroids) > 20.0 * delta) state.SkipWithError("too many centroids");
+  return run;
+}
+
+void BM_TDigest_Add(benchmark::State& state) {
+  const int input = static_cast<int>(state.range(0));
+  const auto delta = static_cast<double>(state.range(1));
+  const SerialAddRun run = timeSerialAdd(state, values(input), delta);
+  if (run.total != kValues) state.SkipWithError("the digest lost weight");
+  if (static_cast<double>(run.centroids) > 20.0 * delta) state.SkipWithError("too many centroids");
   state.SetLabel(std::string(kInputNames[input]) + " delta " + std::to_string(state.range(1)));
   reportPerValue(state, kValues);
-  state.counters["centroids"] = static_cast<double>(centroids);
-  const double perValue = seconds / static_cast<double>(state.iterations() * kValues);
+  state.counters["centroids"] = static_cast<double>(run.centroids);
+  const double perValue = run.seconds / static_cast<double>(state.iterations() * kValues);
   if (input == kUniform && state.range(1) == 100) uniformSecondsPerValue = perValue;
   if (sortSecondsPerValue > 0.0) state.counters["vs_sort"] = perValue / sortSecondsPerValue;
 }
@@ -131,26 +142,12 @@ void BM_TDigest_AddFew(benchmark::State& state) {
   std::vector<double> data(n);
   std::mt19937_64 rng(3);
   for (double& x : data) x = static_cast<double>(rng() % distinct);
-  std::uint64_t total = 0;
-  std::uint64_t centroids = 0;
-  double seconds = 0.0;
-  for (auto _ : state) {
-    state.PauseTiming();
-    auto stream = seededStream(1);
-    TDigest digest;
-    digest.stream = stream.get();
-    state.ResumeTiming();
-    const double start = threadSeconds();
-    for (const double x : data) digest.add(x);
-    seconds += threadSeconds() - start;
-    total = digest.totalWeight;
-    centroids = digest.tree.size();
-  }
-  if (total != n) state.SkipWithError("the digest lost weight");
+  const SerialAddRun run = timeSerialAdd(state, data, 100.0);
+  if (run.total != n) state.SkipWithError("the digest lost weight");
   reportPerValue(state, n);
-  state.counters["centroids"] = static_cast<double>(centroids);
+  state.counters["centroids"] = static_cast<double>(run.centroids);
   if (uniformSecondsPerValue > 0.0) {
-    const double perValue = seconds / static_cast<double>(state.iterations() * n);
+    const double perValue = run.seconds / static_cast<double>(state.iterations() * n);
     state.counters["vs_uniform"] = perValue / uniformSecondsPerValue;
   }
 }

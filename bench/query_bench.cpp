@@ -19,6 +19,7 @@
 #include "core/elementwise.h"
 #include "core/queries.h"
 #include "core/tdigest.h"
+#include "query_digest.h"
 #include "quorix/host_array.h"
 #include "quorix/random_stream.h"
 
@@ -31,16 +32,7 @@ constexpr std::size_t kArray = 1000000;
 constexpr std::size_t kScalarArguments = 4096;  // cycled through by the scalar loops
 
 const TDigest& sharedDigest() {
-  static const TDigest digest = [] {
-    auto stream = quorix::RandomStream::create("mrg32k3a", 1000000, 7);
-    std::mt19937_64 rng(7);
-    std::normal_distribution<double> normal(0.0, 1.0);
-    TDigest d;
-    d.stream = stream.get();
-    for (std::size_t i = 0; i < 1000000; ++i) d.add(normal(rng));
-    d.stream = nullptr;
-    return d;
-  }();
+  static const TDigest digest = zotdigest::bench::normalQueryDigest();
   return digest;
 }
 

@@ -24,6 +24,7 @@
 
 #include "core/queries.h"
 #include "core/tdigest.h"
+#include "query_digest.h"
 #include "quorix/random_stream.h"
 
 namespace {
@@ -32,17 +33,6 @@ using zotdigest::TDigest;
 
 std::unique_ptr<quorix::RandomStream> seededStream(std::uint64_t seed) {
   return quorix::RandomStream::create("mrg32k3a", 1000000, seed);
-}
-
-TDigest queryDigest() {
-  auto stream = seededStream(7);
-  std::mt19937_64 rng(7);
-  std::normal_distribution<double> normal(0.0, 1.0);
-  TDigest d;
-  d.stream = stream.get();
-  for (std::size_t i = 0; i < 1000000; ++i) d.add(normal(rng));
-  d.stream = nullptr;
-  return d;
 }
 
 std::vector<double> arguments(std::size_t n, bool unit) {
@@ -76,7 +66,7 @@ int main(int argc, char** argv) {
   const auto n = static_cast<std::size_t>(std::strtoull(argv[2], nullptr, 10));
   double sink = 0.0;
   if (mode == "cdf" || mode == "icdf" || mode == "upper_bound") {
-    const TDigest digest = queryDigest();
+    const TDigest digest = zotdigest::bench::normalQueryDigest();
     const bool quantiles = mode == "icdf";
     const std::vector<double> args = arguments(4096, quantiles);
     std::vector<double> means;
