@@ -27,6 +27,33 @@
 // the module's "add" without a stream does), so it never refers to a stream
 // of the build. Nothing above depends on the number of threads, the
 // scheduling, the chunks the values arrive in, or the machine.
+//
+// The weighted digest of pairs (x[i], w[i]), i in [0, n), w[i] unsigned
+// 64-bit (a different build from the one above; a digest file records it
+// with its own build-record kind):
+//
+// 1. Pairs of weight 0 are not data and are removed first. The remaining
+//    pairs, in input order, are cut into blocks of kBlockSize pairs as in
+//    step 1. A NaN value keeps its place in its block.
+// 2. Leaf k is an empty digest of Delta into which the module's "merge",
+//    with an "mrg32k3a" stream of seed s on substream 2k + 1, merges a fresh
+//    digest holding the block: its "AVLTreeSummary" (set at the restricted
+//    level, as a host restoring a digest does) has one centroid per non-NaN
+//    pair (mean: the value converted to double as the module converts
+//    elements; count: the weight), in order of value, equal values (-0.0
+//    and 0.0 are equal) in input order; its "NumDataPoints" is the block's
+//    weight sum (NaN pairs included) and its "Delta" the build's. Merge
+//    lists the other digest's centroids in order and sorts them stably by
+//    decreasing count, so this is the module's weighted add of each pair
+//    in the order: weight decreasing, then value increasing, then input
+//    position. No compress follows.
+// 3. Tree, merge streams, empty input and the final stream reset: steps 3
+//    to 5 above, unchanged.
+//
+// The grouped build: given a group code for each value (or pair), the
+// digest of group g is the digest above (weighted or not) of the values
+// whose code is g, in input order. It depends neither on the threads, nor
+// on the chunks, nor on the order or number of the groups.
 #pragma once
 
 #include <cstddef>
@@ -57,6 +84,15 @@ constexpr std::uint64_t nodeSubstream(unsigned level, std::uint64_t j) noexcept 
 // the numeric class `id` (1 <= count <= kBlockSize). Polls for Ctrl-C.
 quorix::HostArrayPtr digestBlock(const void* values, std::size_t count, quorix::ClassID id,
                                  double delta, std::uint32_t seed, std::uint64_t block);
+
+// Weighted step 2: the leaf of block `block`. Its pairs are those of
+// values[0..count) (elements of the numeric class `id`) and
+// weights[0..count) whose weight is not 0: at most kBlockSize of them.
+// The weights' sum must fit in 64 bits (callers check it first). Polls for
+// Ctrl-C.
+quorix::HostArrayPtr digestWeightedBlock(const void* values, quorix::ClassID id,
+                                         const std::uint64_t* weights, std::size_t count,
+                                         double delta, std::uint32_t seed, std::uint64_t block);
 
 // Step 3: merges `right` into `left`, which becomes node j of `level`
 // (level >= 1). Polls for Ctrl-C.

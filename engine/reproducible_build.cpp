@@ -6,9 +6,12 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <stdexcept>
+#include <string>
 #include <utility>
 
-#include "quorix/interrupt.h"
+#include "engine/errors.h"
+#include "engine/worker_interrupts.h"
 #include "quorix/messages.h"
 
 namespace zotdigest::engine {
@@ -17,77 +20,38 @@ namespace {
 using quorix::ClassID;
 using quorix::HostArray;
 using quorix::HostArrayPtr;
-
-// Whole blocks of one append, read in place.
-struct BlockSpan {
-  const std::byte* values;  // the first value of block `first`
-  std::uint64_t first;      // its block index
-  std::size_t width;        // bytes per element
-  ClassID id;
-  double delta;
-  std::uint32_t seed;
-
-  const std::byte* block(std::uint64_t k) const {
-    return values + (k - first) * kBlockSize * width;
-  }
-};
-
-constexpr const char* kInterrupted = "QUORIX:interrupt:Interrupted";
-
-bool isInterrupt(const quorix::MsgIDException& e) { return e.identifier() == kInterrupted; }
-
-// A call into the module on a worker thread. The runtime's check clears the
-// flag when it raises, so the leaves still running on other workers would
-// not see it and would finish their blocks (seconds for some data); setting
-// it again lets each of them stop at its next check. The build clears it
-// once every worker has stopped (interruptible).
-template <class Work>
-auto onWorker(Work&& work) {
-  try {
-    return work();
-  } catch (const quorix::MsgIDException& e) {
-    if (isInterrupt(e)) {
-      quorix::requestInterrupt();
-    }
-    throw;
-  }
-}
-
-// Runs a public operation; an interrupt leaves with the flag cleared, as
-// the runtime's check leaves it.
-template <class Work>
-void interruptible(Work&& work) {
-  try {
-    work();
-  } catch (const quorix::MsgIDException& e) {
-    if (isInterrupt(e)) {
-      quorix::clearInterrupt();
-    }
-    throw;
-  }
-}
+using LeafMaker = std::function<HostArrayPtr(std::uint64_t)>;
 
 // Node j of `level` over whole blocks: the two halves side by side, then
 // their merge. Null when cancelled.
-HostArrayPtr subtree(const BlockSpan& span, unsigned level, std::uint64_t j) {
+HostArrayPtr subtree(const LeafMaker& leaf, std::uint32_t seed, unsigned level, std::uint64_t j) {
   if (level == 0) {
-    return onWorker(
-        [&] { return digestBlock(span.block(j), kBlockSize, span.id, span.delta, span.seed, j); });
+    return onWorker([&] { return leaf(j); });
   }
   HostArrayPtr left;
   HostArrayPtr right;
-  tbb::parallel_invoke([&] { left = subtree(span, level - 1, 2 * j); },
-                       [&] { right = subtree(span, level - 1, 2 * j + 1); });
+  tbb::parallel_invoke([&] { left = subtree(leaf, seed, level - 1, 2 * j); },
+                       [&] { right = subtree(leaf, seed, level - 1, 2 * j + 1); });
   if (!left || !right) {
     // A half was cancelled, not run: an error elsewhere in the build (an
     // interrupt) cancelled the group and reaches the caller from there.
     return nullptr;
   }
   onWorker([&] {
-    mergeNodes(*left, *right, level, j, span.seed);
+    mergeNodes(*left, *right, level, j, seed);
     return true;
   });
   return left;
+}
+
+// The end of the shortest prefix of weights[0..count) that holds `pairs`
+// non-zero weights; count when it holds fewer.
+std::size_t endOfPairs(const std::uint64_t* weights, std::size_t count, std::size_t pairs) {
+  std::size_t i = 0;
+  for (; i < count && pairs > 0; ++i) {
+    pairs -= weights[i] != 0 ? 1 : 0;
+  }
+  return i;
 }
 
 // One aligned subtree of an append: node `index` of `level`.
@@ -132,6 +96,9 @@ void ReproducibleBuild::run(Work&& work) {
 }
 
 void ReproducibleBuild::append(const HostArray& values) {
+  if (options_.weighted) {
+    throw std::logic_error("append on a weighted build: use appendWeighted");
+  }
   if (values.isEmpty()) {
     return;
   }
@@ -142,6 +109,9 @@ void ReproducibleBuild::append(const HostArray& values) {
 }
 
 void ReproducibleBuild::append(const void* values, std::size_t count, ClassID id) {
+  if (options_.weighted) {
+    throw std::logic_error("append on a weighted build: use appendWeighted");
+  }
   const auto* next = static_cast<const std::byte*>(values);
   const std::size_t width = quorix::elementSize(id);
   if (buffered_ > 0) {
@@ -150,15 +120,21 @@ void ReproducibleBuild::append(const void* values, std::size_t count, ClassID id
     next += take * width;
     count -= take;
     if (buffered_ == kBlockSize) {
-      HostArrayPtr leaf = digestBlock(buffer_.data(), kBlockSize, bufferClass_, options_.delta,
-                                      options_.seed, blocks_);
-      buffered_ = 0;
-      push(std::move(leaf), 0);
+      push(bufferedLeaf(), 0);
     }
   }
   const std::uint64_t whole = count / kBlockSize;
   if (whole > 0) {
-    appendWholeBlocks(next, whole, id);
+    const std::uint64_t first = blocks_;
+    const double delta = options_.delta;
+    const std::uint32_t seed = options_.seed;
+    appendWholeBlocks(
+        [=](std::uint64_t k) {
+          return digestBlock(next + (k - first) * kBlockSize * width, kBlockSize, id, delta, seed,
+                             k);
+        },
+        whole);
+    values_ += whole * kBlockSize;
     next += whole * kBlockSize * width;
     count -= whole * kBlockSize;
   }
@@ -201,20 +177,99 @@ void ReproducibleBuild::toBuffer(const std::byte* values, std::size_t count, Cla
   values_ += count;
 }
 
-void ReproducibleBuild::appendWholeBlocks(const std::byte* values, std::uint64_t blocks,
-                                          ClassID id) {
-  const BlockSpan span{values, blocks_, quorix::elementSize(id), id, options_.delta, options_.seed};
-  const std::vector<Piece> pieces = alignedPieces(blocks_, blocks);
+void ReproducibleBuild::appendWeighted(const void* values, ClassID id, const std::uint64_t* weights,
+                                       std::size_t count) {
+  if (!options_.weighted) {
+    throw std::logic_error("appendWeighted on an unweighted build: use append");
+  }
+  std::uint64_t sum = weightSum_;
+  for (std::size_t i = 0; i < count; ++i) {
+    if (__builtin_add_overflow(sum, weights[i], &sum)) {
+      throw InputError("the weights add up to more than 2^64 - 1 at position " + std::to_string(i) +
+                       " of this append");
+    }
+  }
+  weightSum_ = sum;
+  const auto* next = static_cast<const std::byte*>(values);
+  const std::size_t width = quorix::elementSize(id);
+  std::size_t done = 0;
+  if (buffered_ > 0) {
+    done = endOfPairs(weights, count, kBlockSize - buffered_);
+    toWeightedBuffer(next, id, weights, done);
+    if (buffered_ == kBlockSize) {
+      push(bufferedLeaf(), 0);
+    }
+  }
+  // Where each whole block of the rest ends: bounds[b] to bounds[b + 1].
+  std::vector<std::size_t> bounds{done};
+  for (std::size_t i = done, pairs = 0; i < count; ++i) {
+    if (weights[i] != 0 && ++pairs == kBlockSize) {
+      bounds.push_back(i + 1);
+      pairs = 0;
+    }
+  }
+  if (bounds.size() > 1) {
+    const std::uint64_t first = blocks_;
+    const double delta = options_.delta;
+    const std::uint32_t seed = options_.seed;
+    appendWholeBlocks(
+        [&, first, delta, seed](std::uint64_t k) {
+          const std::size_t from = bounds[k - first];
+          return digestWeightedBlock(next + from * width, id, weights + from,
+                                     bounds[k - first + 1] - from, delta, seed, k);
+        },
+        bounds.size() - 1);
+  }
+  const std::size_t tail = bounds.back();
+  toWeightedBuffer(next + tail * width, id, weights + tail, count - tail);
+  values_ += count;
+}
+
+void ReproducibleBuild::toWeightedBuffer(const std::byte* values, ClassID id,
+                                         const std::uint64_t* weights, std::size_t count) {
+  if (count == 0) {
+    return;
+  }
+  if (buffer_.empty()) {
+    buffer_.resize(kBlockSize * sizeof(double));
+    bufferWeights_.resize(kBlockSize);
+  }
+  // Held as the doubles the leaf would read them as.
+  auto* doubles = reinterpret_cast<double*>(buffer_.data());
+  const HostArrayPtr incoming = HostArray::createView(
+      quorix::Dims{count, 1}, id, const_cast<std::byte*>(values), nullptr, nullptr);
+  for (std::size_t i = 0; i < count; ++i) {
+    if (weights[i] != 0) {
+      doubles[buffered_] = incoming->elementAsDouble(i);
+      bufferWeights_[buffered_] = weights[i];
+      ++buffered_;
+    }
+  }
+  bufferClass_ = ClassID::Double;
+}
+
+HostArrayPtr ReproducibleBuild::bufferedLeaf() {
+  const std::size_t count = buffered_;
+  buffered_ = 0;
+  if (options_.weighted) {
+    return digestWeightedBlock(buffer_.data(), ClassID::Double, bufferWeights_.data(), count,
+                               options_.delta, options_.seed, blocks_);
+  }
+  return digestBlock(buffer_.data(), count, bufferClass_, options_.delta, options_.seed, blocks_);
+}
+
+void ReproducibleBuild::appendWholeBlocks(const LeafMaker& leaf, std::uint64_t count) {
+  const std::vector<Piece> pieces = alignedPieces(blocks_, count);
   std::vector<HostArrayPtr> nodes(pieces.size());
+  const std::uint32_t seed = options_.seed;
   interruptible([&] {
     run([&] {
       // Grain 1: each piece is at least one block, milliseconds of work.
       tbb::parallel_for(std::size_t{0}, pieces.size(), [&](std::size_t i) {
-        nodes[i] = subtree(span, pieces[i].level, pieces[i].index);
+        nodes[i] = subtree(leaf, seed, pieces[i].level, pieces[i].index);
       });
     });
   });
-  values_ += blocks * kBlockSize;
   for (std::size_t i = 0; i < pieces.size(); ++i) {
     push(std::move(nodes[i]), pieces[i].level);
   }
@@ -240,10 +295,7 @@ void ReproducibleBuild::push(HostArrayPtr node, unsigned level) {
 
 HostArrayPtr ReproducibleBuild::finish() {
   if (buffered_ > 0) {
-    HostArrayPtr leaf = digestBlock(buffer_.data(), buffered_, bufferClass_, options_.delta,
-                                    options_.seed, blocks_);
-    buffered_ = 0;
-    push(std::move(leaf), 0);
+    push(bufferedLeaf(), 0);
   }
   // The right edge of the tree, lowest level first: a node left over below
   // is carried up unchanged until it meets a pending left neighbour.
@@ -261,6 +313,7 @@ HostArrayPtr ReproducibleBuild::finish() {
   pending_.clear();
   blocks_ = options_.firstBlock;
   values_ = 0;
+  weightSum_ = 0;
   if (!carry) {
     return std::move(empty_);
   }
@@ -271,6 +324,14 @@ HostArrayPtr ReproducibleBuild::finish() {
 HostArrayPtr reproducibleDigest(const HostArray& values, const BuildOptions& options) {
   ReproducibleBuild build(options);
   build.append(values);
+  return build.finish();
+}
+
+HostArrayPtr reproducibleDigest(const void* values, ClassID id, const std::uint64_t* weights,
+                                std::size_t count, BuildOptions options) {
+  options.weighted = true;
+  ReproducibleBuild build(options);
+  build.appendWeighted(values, id, weights, count);
   return build.finish();
 }
 

@@ -14,6 +14,11 @@
 // come. Every merge is thus the one the definition names, whatever the
 // chunks; only the memory in use and the parallelism depend on them.
 //
+// A weighted build first finds where each whole block of an append ends
+// (a count of the non-zero weights, one pass); each leaf then reads its
+// block's pairs in place. Its partial block is held as doubles and weights,
+// zero weights left out.
+//
 // Memory: the caller's values (read in place, never converted), one block
 // buffer, one pending digest per level, and along each worker's path
 // through a subtree one finished left half per level.
@@ -28,6 +33,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -47,6 +53,9 @@ struct BuildOptions {
   // from i * 2^K on are these: how a cluster builds its chunks' subtrees
   // and then merges them with mergeNodes in the same fixed tree.
   std::uint64_t firstBlock = 0;
+  // A weighted build (engine/block_tree.h): values come with weights,
+  // through appendWeighted only.
+  bool weighted = false;
 };
 
 class ReproducibleBuild {
@@ -65,8 +74,15 @@ class ReproducibleBuild {
   void append(const quorix::HostArray& values);
   // Appends `count` elements of the numeric class `id` read from `values`.
   void append(const void* values, std::size_t count, quorix::ClassID id);
+  // Appends `count` pairs: elements of the numeric class `id` read from
+  // `values`, with their weights. Zero weights drop their values. Throws
+  // InputError, before any work, when the weights appended so far would sum
+  // to more than 2^64 - 1.
+  // Both appends throw std::logic_error on a build of the other kind.
+  void appendWeighted(const void* values, quorix::ClassID id, const std::uint64_t* weights,
+                      std::size_t count);
 
-  // Values appended so far.
+  // Values (pairs, zero weights included) appended so far.
   std::uint64_t size() const noexcept { return values_; }
 
   // The digest of everything appended, as a scalar "TDigest" object. Call
@@ -77,7 +93,13 @@ class ReproducibleBuild {
   template <class Work>
   void run(Work&& work);
   void toBuffer(const std::byte* values, std::size_t count, quorix::ClassID id);
-  void appendWholeBlocks(const std::byte* values, std::uint64_t blocks, quorix::ClassID id);
+  void toWeightedBuffer(const std::byte* values, quorix::ClassID id, const std::uint64_t* weights,
+                        std::size_t count);
+  // Digests blocks [blocks_, blocks_ + count), the leaf of block k made by
+  // leaf(k) on any worker, and pushes them.
+  void appendWholeBlocks(const std::function<quorix::HostArrayPtr(std::uint64_t)>& leaf,
+                         std::uint64_t count);
+  quorix::HostArrayPtr bufferedLeaf();
   void push(quorix::HostArrayPtr node, unsigned level);
 
   BuildOptions options_;
@@ -89,11 +111,19 @@ class ReproducibleBuild {
   std::vector<std::byte> buffer_;  // the partly filled block
   std::size_t buffered_ = 0;
   quorix::ClassID bufferClass_ = quorix::ClassID::Double;
+  std::vector<std::uint64_t> bufferWeights_;  // weighted: the buffered pairs' weights
+  std::uint64_t weightSum_ = 0;
 };
 
 // The digest of one array held in memory: a ReproducibleBuild with one
 // append.
 quorix::HostArrayPtr reproducibleDigest(const quorix::HostArray& values,
                                         const BuildOptions& options);
+
+// The weighted digest of `count` pairs held in memory (values of the
+// numeric class `id`); `options.weighted` is implied.
+quorix::HostArrayPtr reproducibleDigest(const void* values, quorix::ClassID id,
+                                        const std::uint64_t* weights, std::size_t count,
+                                        BuildOptions options);
 
 }  // namespace zotdigest::engine
