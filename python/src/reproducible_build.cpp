@@ -1,10 +1,13 @@
 #include "reproducible_build.h"
 
+#include <pybind11/numpy.h>
+
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "conversion.h"
 #include "engine/reproducible_build.h"
@@ -17,6 +20,8 @@ namespace py = pybind11;
 namespace zotdigest::python {
 
 namespace {
+
+using UInt64Array = py::array_t<std::uint64_t, py::array::c_style | py::array::forcecast>;
 
 // One build, appended to from any Python thread; appends wait for each
 // other without holding the GIL.
@@ -45,8 +50,9 @@ unsigned checkedThreads(const py::object& threads) {
 }
 
 std::unique_ptr<Build> makeBuild(double delta, const py::object& seed, const py::object& threads,
-                                 std::uint64_t firstBlock) {
-  engine::BuildOptions options{delta, checkedSeed(seed), checkedThreads(threads), firstBlock};
+                                 std::uint64_t firstBlock, bool weighted) {
+  engine::BuildOptions options{delta, checkedSeed(seed), checkedThreads(threads), firstBlock,
+                               weighted};
   auto made = std::make_unique<Build>();
   made->build =
       callHeld(ObjectLocks{}, [&] { return std::make_unique<engine::ReproducibleBuild>(options); });
@@ -71,6 +77,29 @@ void append(Build& self, const py::handle& data) {
     return true;
   });
   // The view of a NumPy array is dropped here, with the GIL held.
+  values.reset();
+}
+
+// Weights arrive validated by the package (uint64, one per value).
+void appendWeighted(Build& self, const py::handle& data, const UInt64Array& weights) {
+  quorix::HostArrayPtr values = toHostArray(data);
+  engine::ReproducibleBuild& build = started(self);
+  const std::size_t count = values->isEmpty() ? 0 : values->numel();
+  if (count > 0 && (!values->isNumeric() || values->isComplex())) {
+    throw py::type_error("zotdigest: weighted values must be real numbers");
+  }
+  if (static_cast<std::size_t>(weights.size()) != count) {
+    throw py::value_error("zotdigest: weights has " + std::to_string(weights.size()) +
+                          " elements but the values have " + std::to_string(count));
+  }
+  if (count > 0) {
+    callReleased(ObjectLocks{}, [&] {
+      // Released: as append.
+      const std::lock_guard lock(self.mutex);
+      build.appendWeighted(values->realData(), values->classID(), weights.data(), count);
+      return true;
+    });
+  }
   values.reset();
 }
 
@@ -124,10 +153,12 @@ void register_reproducible_build(py::module_& m) {
   py::class_<Build>(m, "ReproducibleBuild",
                     "The reproducible build of one digest; use zotdigest.digest.")
       .def(py::init(&makeBuild), py::arg("delta") = 100.0, py::arg("seed") = 0,
-           py::arg("threads") = py::none(), py::arg("first_block") = 0)
+           py::arg("threads") = py::none(), py::arg("first_block") = 0, py::arg("weighted") = false)
       .def("append", &append, py::arg("data"),
            "Appends the elements of `data` (anything TDigest accepts) in the module's\n"
            "element order (Fortran order for N-d arrays).")
+      .def("append_weighted", &appendWeighted, py::arg("data"), py::arg("weights"),
+           "Appends the values of `data` with their uint64 `weights` (a weighted build).")
       .def("finish", &finish, "The digest of everything appended; the build is done.")
       .def_property_readonly("size", [](Build& self) { return started(self).size(); });
   m.def("merge_tree_nodes", &mergeTreeNodes, py::arg("left"), py::arg("right"), py::arg("level"),

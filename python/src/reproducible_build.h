@@ -9,8 +9,9 @@
 namespace zotdigest::python {
 
 // Adds class ReproducibleBuild(delta=100.0, seed=0, threads=None,
-// first_block=0) with append(data), finish() and the read-only property
-// size; merge_tree_nodes(left, right, level, index, seed); and the constant
+// first_block=0, weighted=False) with append(data) (unweighted builds),
+// append_weighted(data, weights) (weighted ones), finish() and the
+// read-only property size; merge_tree_nodes(left, right, level, index, seed); and the constant
 // BLOCK_SIZE.
 void register_reproducible_build(pybind11::module_& m);
 
