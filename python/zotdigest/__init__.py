@@ -121,8 +121,8 @@ def _is_chunk_sequence(data):
     return True
 
 
-def digest(data, delta=100.0, seed=0, threads=None):
-    """digest(data, delta=100.0, seed=0, threads=None)
+def digest(data, delta=100.0, seed=0, threads=None, weights=None):
+    """digest(data, delta=100.0, seed=0, threads=None, weights=None)
 
 The reproducible digest of `data`: the same TDigest, bit for bit, for the
 same values, `delta` and `seed` (a whole number in [0, 2**32)), on any
@@ -137,13 +137,39 @@ The values are cut into blocks of BLOCK_SIZE; block k is digested serially
 on substream 2k + 1 of an "mrg32k3a" stream of `seed`, and the block
 digests are merged pairwise in a fixed binary tree over block indices (node
 j of level L merged on substream j*2**(L+1) + 2**L, an odd node out carried
-up unchanged). TDigest(data) stays the module's own constructor."""
+up unchanged). TDigest(data) stays the module's own constructor.
+
+`weights`: one whole number in [0, 2**64) per value (an array of the
+values' shape, or 1-D), their sum under 2**64; a value of weight w counts w
+times, weight 0 drops it. A weighted digest is another build: each block's
+pairs enter as centroids merged into an empty digest, heaviest first.
+Weights need `data` in one array, not an iterable of chunks."""
+    if weights is not None:
+        return _weighted_digest(data, delta, seed, threads, weights)
     build = ReproducibleBuild(float(delta), seed, threads)
     if _is_chunk_sequence(data):
         for chunk in data:
             build.append(chunk)
     else:
         build.append(data)
+    return build.finish()
+
+
+def _weighted_digest(data, delta, seed, threads, weights):
+    import numpy as np
+
+    from ._weights import checked_weights
+
+    if _is_chunk_sequence(data):
+        raise TypeError("zotdigest.digest: weights need the values in one array, "
+                        "not an iterable of chunks")
+    values = np.asarray([] if data is None else data)
+    if values.dtype.kind not in "iuf":
+        raise TypeError(f"zotdigest.digest: weighted values must be real numbers, "
+                        f"not of dtype {values.dtype}")
+    checked = checked_weights(weights, values.shape, "zotdigest.digest")
+    build = ReproducibleBuild(float(delta), seed, threads, weighted=True)
+    build.append_weighted(values, checked)
     return build.finish()
 
 
