@@ -6,12 +6,12 @@
 #include <tbb/task_arena.h>
 
 #include <algorithm>
-#include <cstring>
 #include <limits>
 #include <string>
 
 #include "engine/block_tree.h"
 #include "engine/errors.h"
+#include "engine/large_buffer.h"
 #include "engine/worker_interrupts.h"
 #include "quorix/interrupt.h"
 
@@ -32,9 +32,10 @@ constexpr std::size_t kNone = std::numeric_limits<std::size_t>::max();
 
 // The values (and weights) sorted stably by group: group g's are slots
 // starts[g] .. starts[g + 1].
+// The buffers are not initialised: the scatter writes every slot.
 struct Partition {
-  std::vector<std::byte> values;
-  std::vector<std::uint64_t> weights;
+  LargeBuffer values;
+  LargeBuffer weights;
   std::vector<std::size_t> starts;
 };
 
@@ -45,23 +46,46 @@ struct ChunkCheck {
   bool overflow = false;
 };
 
-template <std::size_t Width>
-void scatterValues(const std::byte* from, std::byte* to) {
-  std::memcpy(to, from, Width);
+// Copies the kept values of input positions [lo, hi) (and their weights)
+// to their slots; `next` holds each group's next slot for this chunk.
+template <class Element>
+void scatterChunk(const GroupedInput& in, std::size_t lo, std::size_t hi, std::uint64_t* next,
+                  std::byte* values, std::uint64_t* weights) {
+  const auto* from = static_cast<const Element*>(in.values);
+  auto* to = reinterpret_cast<Element*>(values);
+  const std::int64_t* codes = in.codes;
+  const std::uint64_t* w = in.weights;
+  if (w == nullptr) {
+    for (std::size_t i = lo; i < hi; ++i) {
+      if (codes[i] >= 0) {
+        to[next[codes[i]]++] = from[i];
+      }
+    }
+    return;
+  }
+  for (std::size_t i = lo; i < hi; ++i) {
+    if (codes[i] >= 0 && w[i] != 0) {
+      const std::uint64_t slot = next[codes[i]]++;
+      to[slot] = from[i];
+      weights[slot] = w[i];
+    }
+  }
 }
 
-using Scatter = void (*)(const std::byte*, std::byte*);
+using Scatter = void (*)(const GroupedInput&, std::size_t, std::size_t, std::uint64_t*, std::byte*,
+                         std::uint64_t*);
 
+// Elements are moved as unsigned integers of their width: the bits only.
 Scatter scatterFor(std::size_t width) {
   switch (width) {
     case 1:
-      return &scatterValues<1>;
+      return &scatterChunk<std::uint8_t>;
     case 2:
-      return &scatterValues<2>;
+      return &scatterChunk<std::uint16_t>;
     case 4:
-      return &scatterValues<4>;
+      return &scatterChunk<std::uint32_t>;
     default:
-      return &scatterValues<8>;
+      return &scatterChunk<std::uint64_t>;
   }
 }
 
@@ -82,9 +106,9 @@ class Partitioner {
     Partition p;
     p.starts = offsets();
     const std::size_t kept = p.starts.back();
-    p.values.resize(kept * width_);
+    p.values = LargeBuffer(kept * width_);
     if (in_.weights != nullptr) {
-      p.weights.resize(kept);
+      p.weights = LargeBuffer(kept * sizeof(std::uint64_t));
     }
     scatter(p);
     return p;
@@ -116,22 +140,24 @@ class Partitioner {
     std::vector<ChunkCheck> checks(chunks_);
     eachChunk([&](std::size_t c, std::size_t lo, std::size_t hi) {
       std::uint64_t* mine = counts_.data() + c * in_.groups;
+      const std::int64_t* codes = in_.codes;
+      const std::uint64_t* weights = in_.weights;
+      const auto groups = static_cast<std::uint64_t>(in_.groups);
       ChunkCheck& check = checks[c];
       for (std::size_t i = lo; i < hi; ++i) {
-        const std::int64_t code = in_.codes[i];
+        const std::int64_t code = codes[i];
         if (code < 0) {
           continue;
         }
-        if (static_cast<std::uint64_t>(code) >= in_.groups) {
+        if (static_cast<std::uint64_t>(code) >= groups) {
           check.badCode = i;
           return;
         }
-        if (in_.weights != nullptr) {
-          const std::uint64_t w = in_.weights[i];
-          if (w == 0) {
+        if (weights != nullptr) {
+          if (weights[i] == 0) {
             continue;
           }
-          check.overflow |= __builtin_add_overflow(check.weight, w, &check.weight);
+          check.overflow |= __builtin_add_overflow(check.weight, weights[i], &check.weight);
         }
         ++mine[code];
       }
@@ -170,20 +196,9 @@ class Partitioner {
 
   void scatter(Partition& p) {
     const Scatter copy = scatterFor(width_);
-    const auto* values = static_cast<const std::byte*>(in_.values);
+    auto* weights = reinterpret_cast<std::uint64_t*>(p.weights.data());
     eachChunk([&](std::size_t c, std::size_t lo, std::size_t hi) {
-      std::uint64_t* next = counts_.data() + c * in_.groups;
-      for (std::size_t i = lo; i < hi; ++i) {
-        const std::int64_t code = in_.codes[i];
-        if (code < 0 || (in_.weights != nullptr && in_.weights[i] == 0)) {
-          continue;
-        }
-        const std::uint64_t slot = next[code]++;
-        copy(values + i * width_, p.values.data() + slot * width_);
-        if (in_.weights != nullptr) {
-          p.weights[slot] = in_.weights[i];
-        }
-      }
+      copy(in_, lo, hi, counts_.data() + c * in_.groups, p.values.data(), weights);
     });
   }
 
@@ -242,7 +257,9 @@ HostArrayPtr groupDigest(const Partition& p, std::size_t g, const GroupedInput& 
                          const BuildOptions& options) {
   const std::size_t n = p.starts[g + 1] - p.starts[g];
   const std::byte* values = p.values.data() + p.starts[g] * quorix::elementSize(in.id);
-  const std::uint64_t* weights = in.weights != nullptr ? p.weights.data() + p.starts[g] : nullptr;
+  const std::uint64_t* weights =
+      in.weights != nullptr ? reinterpret_cast<const std::uint64_t*>(p.weights.data()) + p.starts[g]
+                            : nullptr;
   if (n == 0) {
     return emptyDigest(options.delta);
   }
