@@ -12,6 +12,8 @@
 
 #include "build_state.h"
 #include "engine/errors.h"
+#include "quorix/interrupt.h"
+#include "quorix/messages.h"
 #include "quorix/module.h"
 
 namespace zotdigest::engine {
@@ -116,6 +118,21 @@ TEST_F(GroupedBuildTest, a_code_past_the_groups_is_refused_by_position) {
   } catch (const InputError& e) {
     EXPECT_EQ(std::string(e.what()),
               "group code 7 at position 4321 is not below the number of groups (7)");
+  }
+}
+
+TEST_F(GroupedBuildTest, ctrl_c_stops_it_and_is_consumed) {
+  const Grouped g = sample(B + 100, 500);
+  for (const unsigned threads : {1u, 2u}) {
+    quorix::requestInterrupt();
+    try {
+      groupedDigests({g.x.data(), ClassID::Double, g.x.size(), g.codes.data(), g.groups},
+                     {100.0, 0, threads});
+      ADD_FAILURE() << "not stopped";
+    } catch (const quorix::MsgIDException& e) {
+      EXPECT_EQ(e.identifier(), "QUORIX:interrupt:Interrupted");
+    }
+    EXPECT_FALSE(quorix::interruptPending());
   }
 }
 
