@@ -31,8 +31,8 @@ constexpr std::size_t kGroupCost = 64;
 constexpr std::size_t kNone = std::numeric_limits<std::size_t>::max();
 
 // The values (and weights) sorted stably by group: group g's are slots
-// starts[g] .. starts[g + 1].
-// The buffers are not initialised: the scatter writes every slot.
+// starts[g] .. starts[g + 1]. The buffers are not initialised: the scatter
+// writes every slot.
 struct Partition {
   LargeBuffer values;
   LargeBuffer weights;
@@ -116,7 +116,8 @@ class Partitioner {
 
  private:
   std::size_t chunkStart(std::size_t c) const {
-    return static_cast<std::size_t>(static_cast<unsigned __int128>(c) * in_.count / chunks_);
+    // Even chunks: the first count % chunks ones take one value more.
+    return c * (in_.count / chunks_) + std::min(c, in_.count % chunks_);
   }
 
   template <class Body>
