@@ -1,14 +1,18 @@
 // The grouped build against one reproducible digest of all the same values,
 // on the same threads (every core), measured in the same round:
 // wall_x_one_digest is the grouped build's wall clock over the single
-// build's. 10^7 log-normal values fall into 1,000 or 100,000 groups whose
-// sizes follow Zipf's law (group r holds a share proportional to 1/r), in
-// random order. Each case runs kRounds rounds and reports the medians.
+// build's, cpu_x_one_digest its process CPU time over the single build's
+// (steadier on a shared machine). 10^7 log-normal values fall into 1,000 or
+// 100,000 groups whose sizes follow Zipf's law (group r holds a share
+// proportional to 1/r), in random order. Each case runs kRounds rounds and
+// reports the medians; the digests are counted and freed outside the timed
+// sections.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <ctime>
 #include <random>
 #include <thread>
 #include <vector>
@@ -52,13 +56,26 @@ Input zipfGroups(std::size_t groups) {
   return in;
 }
 
+struct Timing {
+  double wall = 0.0;
+  double cpu = 0.0;
+};
+
+double processCpu() {
+  timespec t{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
+}
+
 template <class Work>
-double wall(Work&& work) {
+Timing timed(Work&& work) {
   // Let TBB's workers stop spinning from the last measurement first.
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
   const auto t0 = std::chrono::steady_clock::now();
+  const double c0 = processCpu();
   work();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+  const double c1 = processCpu();
+  return {std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count(), c1 - c0};
 }
 
 std::uint64_t weight(const HostArray& digest) {
@@ -76,24 +93,24 @@ void BM_GroupedBuild_Ratio(benchmark::State& state, std::size_t groups) {
   const HostArrayPtr all =
       HostArray::createView(quorix::Dims{kValues, 1}, ClassID::Double,
                             const_cast<double*>(in.x.data()), nullptr, nullptr);
-  std::vector<double> ratio, groupedSeconds, oneSeconds;
+  std::vector<double> ratio, cpuRatio, groupedSeconds, oneSeconds;
   bool complete = true;
   for (auto _ : state) {
     for (int round = 0; round < kRounds; ++round) {
-      // The digests are counted and freed outside the timed sections.
       HostArrayPtr whole;
       std::vector<HostArrayPtr> digests;
-      const double one = wall([&] { whole = zotdigest::engine::reproducibleDigest(*all, {}); });
-      const double grouped = wall([&] {
+      const Timing one = timed([&] { whole = zotdigest::engine::reproducibleDigest(*all, {}); });
+      const Timing grouped = timed([&] {
         digests = zotdigest::engine::groupedDigests(
             {in.x.data(), ClassID::Double, kValues, in.codes.data(), groups}, {});
       });
       std::uint64_t counted = 0;
       for (const HostArrayPtr& d : digests) counted += weight(*d);
       complete = complete && counted == kValues && weight(*whole) == kValues;
-      ratio.push_back(grouped / one);
-      groupedSeconds.push_back(grouped);
-      oneSeconds.push_back(one);
+      ratio.push_back(grouped.wall / one.wall);
+      cpuRatio.push_back(grouped.cpu / one.cpu);
+      groupedSeconds.push_back(grouped.wall);
+      oneSeconds.push_back(one.wall);
     }
   }
   if (!complete) {
@@ -101,6 +118,7 @@ void BM_GroupedBuild_Ratio(benchmark::State& state, std::size_t groups) {
     return;
   }
   state.counters["wall_x_one_digest"] = median(ratio);
+  state.counters["cpu_x_one_digest"] = median(cpuRatio);
   state.counters["grouped_s"] = median(groupedSeconds);
   state.counters["one_digest_s"] = median(oneSeconds);
   state.counters["largest_group"] =
