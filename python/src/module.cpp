@@ -4,6 +4,7 @@
 #include "conversion.h"
 #include "digest_files.h"
 #include "errors.h"
+#include "group_queries.h"
 #include "random_stream.h"
 #include "reproducible_build.h"
 #include "routines.h"
@@ -18,6 +19,7 @@ PYBIND11_MODULE(_core, m) {
   zp::register_random_stream(m);
   zp::register_tdigest(m);
   zp::register_routines(m);
+  zp::register_group_queries(m);
   zp::register_reproducible_build(m);
   zp::register_digest_files(m);
   zp::register_yardstick(m);

@@ -69,7 +69,7 @@ from ._core import (  # noqa: E402
 )
 from ._core import BLOCK_SIZE, ReproducibleBuild  # noqa: E402
 from . import _files, _names, _plot  # noqa: E402
-from ._files import load, save  # noqa: E402
+from ._files import load, load_by, save  # noqa: E402
 from ._groups import GroupedDigests, digest_by, factorize_keys  # noqa: E402
 from ._names import merge  # noqa: E402
 
@@ -90,6 +90,7 @@ __all__ = [
     "digest",
     "digest_by",
     "load",
+    "load_by",
     "merge",
     "merge_columns",
     "module_info",

@@ -12,7 +12,8 @@ import collections.abc as _abc
 
 import numpy as _np
 
-from ._core import TDigest
+from . import _core
+from ._core import ReproducibleBuild, TDigest
 
 
 def _pandas():
@@ -193,8 +194,7 @@ class GroupedDigests(_abc.Mapping):
     @property
     def count(self):
         """The number of values of each group: a uint64 array in key order."""
-        return _np.fromiter((d.NumDataPoints for d in self._digests), dtype=_np.uint64,
-                            count=len(self._digests))
+        return _core._digest_counts(self._digests)
 
     @property
     def delta(self):
@@ -285,16 +285,9 @@ class GroupedDigests(_abc.Mapping):
 
 
 def _query_all(digests, name, points):
-    method = "icdf" if name == "quantile" else "cdf"
-    columns = 1 if points.ndim == 0 else points.shape[0]
-    out = _np.full((len(digests), columns), _np.nan)
-    flat = points.reshape(-1)
-    for row, digest in enumerate(digests):
-        if digest.NumDataPoints:
-            out[row] = getattr(digest, method)(flat)
-        elif method == "icdf" and len(flat):
-            digest.icdf(flat)  # only checks q
-    return out[:, 0] if points.ndim == 0 else out
+    answers = _core._query_digests(digests, "icdf" if name == "quantile" else "cdf",
+                                   points.reshape(-1))
+    return answers[:, 0] if points.ndim == 0 else answers
 
 
 # --- building ------------------------------------------------------------------
@@ -402,8 +395,6 @@ def digest_by(values, by, *, on=None, weights=None, delta=100.0, seed=0, threads
         if weights is not None:
             weights = _column(frame, weights, "weights")
     values = _values_array(values)
-    from ._core import ReproducibleBuild
-
     ReproducibleBuild(float(delta), seed, threads)  # checks delta, seed and threads first
     try:
         keys_count = len(by)
@@ -415,8 +406,6 @@ def digest_by(values, by, *, on=None, weights=None, delta=100.0, seed=0, threads
     if weights is not None:
         weights = _weights_array(weights, len(values))
     codes, keys = factorize_keys(by)
-    from . import _core
-
     build = getattr(_core, "_grouped_digests", None)
     if build is None:
         digests = _grouped_digests_by_loop(values, codes, len(keys), weights, float(delta), seed,
