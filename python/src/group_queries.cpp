@@ -55,17 +55,31 @@ std::uint64_t dataPoints(const HostArray& digest) {
   return n;
 }
 
-py::array_t<std::uint64_t> digestCounts(const py::sequence& sequence) {
+// One 8-byte scalar property of every digest, as the element type T.
+template <class T>
+py::array_t<T> scalarProperty(const py::sequence& sequence, const std::string& name) {
   Digests digests = digestsOf(sequence);
-  py::array_t<std::uint64_t> counts(static_cast<py::ssize_t>(digests.objects.size()));
-  std::uint64_t* const out = counts.mutable_data();
+  py::array_t<T> values(static_cast<py::ssize_t>(digests.objects.size()));
+  T* const out = values.mutable_data();
   callReleased(digests.locks, [&] {
     for (std::size_t i = 0; i < digests.objects.size(); ++i) {
-      out[i] = dataPoints(*digests.objects[i]);
+      const HostArrayPtr value = quorix::ObjectSystem::getProperty(*digests.objects[i], name);
+      std::memcpy(out + i, value->realData(), sizeof(T));
     }
     return true;
   });
-  return counts;
+  return values;
+}
+
+py::array digestProperty(const py::sequence& digests, const std::string& name) {
+  if (name == "NumDataPoints") {
+    return scalarProperty<std::uint64_t>(digests, name);
+  }
+  if (name == "Delta") {
+    return scalarProperty<double>(digests, name);
+  }
+  throw py::value_error("zotdigest: _digest_property reads 'NumDataPoints' or 'Delta', not '" +
+                        name + "'");
 }
 
 py::array_t<double> queryDigests(const py::sequence& sequence, const std::string& name,
@@ -116,7 +130,7 @@ py::array_t<double> queryDigests(const py::sequence& sequence, const std::string
 
 void register_group_queries(py::module_& m) {
   m.def("_query_digests", &queryDigests, py::arg("digests"), py::arg("name"), py::arg("points"));
-  m.def("_digest_counts", &digestCounts, py::arg("digests"));
+  m.def("_digest_property", &digestProperty, py::arg("digests"), py::arg("name"));
 }
 
 }  // namespace zotdigest::python

@@ -9,8 +9,8 @@ namespace zotdigest::python {
 // row i holds digests[i].<name>(points) for name "icdf" or "cdf"; a digest
 // without data gives a row of NaN for "cdf" (whose own call refuses it) and
 // the module's answer for "icdf". One call of the module per digest, made
-// from C++ without the GIL; Ctrl-C stops it. And _digest_counts(digests) ->
-// uint64 array of each digest's NumDataPoints.
+// from C++ without the GIL; Ctrl-C stops it. And _digest_property(digests,
+// name): each digest's NumDataPoints (a uint64 array) or Delta (float64).
 void register_group_queries(pybind11::module_& m);
 
 }  // namespace zotdigest::python

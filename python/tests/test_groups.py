@@ -179,11 +179,13 @@ def test_data_frames_and_bad_input():
             call()
 
 
-@pytest.mark.parametrize("by", [np.array([2, 1, 2, 5]), np.array([np.nan, 1.5, -0.0, 1.5]),
+@pytest.mark.parametrize("by", [np.array([2, 1, 2, 5]), np.array([127, -128, 0], np.int8),
+                                np.array([2**64 - 1, 2**63 - 1], np.uint64), np.array([3, 2**40]),
+                                np.array([True, True]), np.array([np.nan, 1.5, -0.0, 1.5]),
                                 np.array(["b", "a", "b"]),
                                 np.array(["2020-01-02", "NaT", "2020-01-01"], dtype="M8[s]")])
-def test_without_pandas_numpy_keys_factorize_as_pandas_does(by):
-    codes, keys = _groups._factorize_numpy(by)
+def test_numpy_keys_factorize_as_pandas_does_with_and_without_pandas(by):
     expected_codes, expected_keys = pd.factorize(by, sort=True)
-    assert codes.tolist() == expected_codes.tolist()
-    np.testing.assert_array_equal(keys, np.asarray(expected_keys))
+    for codes, keys in [_groups._factorize_numpy(by), zotdigest.factorize_keys(by)]:
+        assert codes.tolist() == expected_codes.tolist()
+        np.testing.assert_array_equal(keys, np.asarray(expected_keys))

@@ -49,10 +49,47 @@ def _factorize_pandas(pd, by):
             codes = _np.where(codes >= 0, remap[_np.maximum(codes, 0)], -1)
             keys = keys[used]
         return codes, pd.CategoricalIndex(keys, categories=cat.categories, ordered=cat.ordered)
-    codes, keys = pd.factorize(data, sort=True)
-    if not isinstance(keys, pd.Index):
-        keys = pd.Index(keys)
-    return _np.asarray(codes, dtype=_np.int64), keys
+    if isinstance(data, _np.ndarray) and data.dtype.kind in "iub":
+        return _factorize_ints(data, pd.Index)
+    codes, keys = pd.factorize(data)
+    keys = keys if isinstance(keys, pd.Index) else pd.Index(keys)
+    try:
+        order = keys.argsort()
+    except TypeError:
+        # Keys that do not compare (say ints and str): pandas' own order.
+        codes, keys = pd.factorize(data, sort=True)
+        keys = keys if isinstance(keys, pd.Index) else pd.Index(keys)
+        return _np.asarray(codes, dtype=_np.int64), keys
+    # Sorting the few distinct keys and renumbering costs far less than
+    # factorize(sort=True) on many values; the answer is the same.
+    return _renumbered(_np.asarray(codes, dtype=_np.int64), order), keys[order]
+
+
+def _renumbered(codes, order):
+    """Codes of the keys taken in `order`; -1 stays -1."""
+    rank = _np.empty(len(order) + 1, dtype=_np.int64)
+    rank[order] = _np.arange(len(order))
+    rank[-1] = -1
+    return rank[codes]
+
+
+def _factorize_ints(data, index=_np.asarray):
+    """Integer and bool keys: by counting when their range is small (as
+    common keys are), else by sorting."""
+    numbers = data.view(_np.uint8) if data.dtype.kind == "b" else data
+    if numbers.size and int(numbers.max()) - int(numbers.min()) <= max(numbers.size, 1 << 16):
+        low = numbers.min()
+        if numbers.dtype.kind == "i":
+            offsets = numbers.astype(_np.intp, copy=False) - _np.intp(low)
+        else:
+            offsets = (numbers - low).astype(_np.intp, copy=False)
+        present = _np.bincount(offsets) > 0
+        rank = _np.cumsum(present, dtype=_np.int64) - 1
+        # Modular arithmetic in the keys' own dtype gives them back exactly.
+        keys = (_np.flatnonzero(present).astype(numbers.dtype) + low).astype(data.dtype)
+        return rank[offsets], index(keys)
+    keys, codes = _np.unique(data, return_inverse=True)
+    return codes.astype(_np.int64, copy=False), index(keys)
 
 
 def _named(pd, keys, by):
@@ -74,6 +111,8 @@ def _missing(keys):
 
 def _factorize_numpy(by):
     by = _np.asarray(by)
+    if by.dtype.kind in "iub":
+        return _factorize_ints(by)
     present = ~_missing(by)
     keys, inverse = _np.unique(by[present], return_inverse=True)
     codes = _np.full(by.shape, -1, dtype=_np.int64)
@@ -145,8 +184,7 @@ class GroupedDigests(_abc.Mapping):
 
     def __init__(self, keys, digests):
         digests = list(digests)
-        if not all(isinstance(d, TDigest) for d in digests):
-            raise TypeError("GroupedDigests: the digests must be TDigest")
+        deltas = _core._digest_property(digests, "Delta")  # TypeError for other objects
         if isinstance(keys, _np.ndarray) or _pandas() is None:
             keys = _np.asarray(keys)
         else:
@@ -154,7 +192,7 @@ class GroupedDigests(_abc.Mapping):
             keys = keys if isinstance(keys, pd.Index) else pd.Index(keys)
         if len(keys) != len(digests):
             raise ValueError(f"GroupedDigests: {len(keys)} keys but {len(digests)} digests")
-        if len({d.Delta for d in digests}) > 1:
+        if len(deltas) and (deltas != deltas[0]).any():
             raise ValueError("GroupedDigests: the digests must share one Delta")
         self._keys = keys
         self._digests = digests
@@ -194,7 +232,7 @@ class GroupedDigests(_abc.Mapping):
     @property
     def count(self):
         """The number of values of each group: a uint64 array in key order."""
-        return _core._digest_counts(self._digests)
+        return _core._digest_property(self._digests, "NumDataPoints")
 
     @property
     def delta(self):
@@ -307,12 +345,13 @@ def _column(frame, name, what):
 
 
 def _values_array(values):
-    if hasattr(values, "to_numpy") and not isinstance(values, _np.ndarray):
-        pd = _pandas()
-        if pd is not None and isinstance(values, (pd.Series, pd.Index)) and values.hasnans \
-                and values.dtype.kind not in "fc":
-            # Nullable pandas dtypes: their NA is a missing value, as NaN.
-            values = values.to_numpy(dtype=_np.float64, na_value=_np.nan)
+    pd = _pandas()
+    if pd is not None and isinstance(values, (pd.Series, pd.Index)):
+        dtype = values.dtype
+        if isinstance(dtype, pd.api.extensions.ExtensionDtype) and dtype.kind in "iuf":
+            # Nullable numbers: pandas.NA is a missing value, NaN to a digest.
+            values = (values.to_numpy(dtype=_np.float64, na_value=_np.nan) if values.hasnans
+                      else values.to_numpy(dtype=dtype.numpy_dtype))
         else:
             values = values.to_numpy()
     values = _np.asarray(values)
