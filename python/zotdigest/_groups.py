@@ -50,7 +50,9 @@ def _factorize_pandas(pd, by):
             keys = keys[used]
         return codes, pd.CategoricalIndex(keys, categories=cat.categories, ordered=cat.ordered)
     if isinstance(data, _np.ndarray) and data.dtype.kind in "iub":
-        return _factorize_ints(data, pd.Index)
+        counted = _counted_ints(data, pd.Index)
+        if counted is not None:
+            return counted
     codes, keys = pd.factorize(data)
     keys = keys if isinstance(keys, pd.Index) else pd.Index(keys)
     try:
@@ -73,9 +75,9 @@ def _renumbered(codes, order):
     return rank[codes]
 
 
-def _factorize_ints(data, index=_np.asarray):
-    """Integer and bool keys: by counting when their range is small (as
-    common keys are), else by sorting."""
+def _counted_ints(data, index=_np.asarray):
+    """Codes and keys of integer or bool keys by counting, when their range
+    is small (as common keys' is); else None."""
     numbers = data.view(_np.uint8) if data.dtype.kind == "b" else data
     if numbers.size and int(numbers.max()) - int(numbers.min()) <= max(numbers.size, 1 << 16):
         low = numbers.min()
@@ -88,8 +90,7 @@ def _factorize_ints(data, index=_np.asarray):
         # Modular arithmetic in the keys' own dtype gives them back exactly.
         keys = (_np.flatnonzero(present).astype(numbers.dtype) + low).astype(data.dtype)
         return rank[offsets], index(keys)
-    keys, codes = _np.unique(data, return_inverse=True)
-    return codes.astype(_np.int64, copy=False), index(keys)
+    return None
 
 
 def _named(pd, keys, by):
@@ -111,8 +112,9 @@ def _missing(keys):
 
 def _factorize_numpy(by):
     by = _np.asarray(by)
-    if by.dtype.kind in "iub":
-        return _factorize_ints(by)
+    counted = _counted_ints(by) if by.dtype.kind in "iub" else None
+    if counted is not None:
+        return counted
     present = ~_missing(by)
     keys, inverse = _np.unique(by[present], return_inverse=True)
     codes = _np.full(by.shape, -1, dtype=_np.int64)
@@ -148,7 +150,8 @@ def _key_index(keys):
         def locate(key):
             try:
                 position = keys.get_loc(key)
-            except (TypeError, ValueError) as error:
+            except (TypeError, ValueError, pd.errors.InvalidIndexError) as error:
+                # An unhashable or malformed key is simply not a key here.
                 raise KeyError(key) from error
             if not isinstance(position, (int, _np.integer)):
                 raise KeyError(key)
@@ -416,7 +419,9 @@ def digest_by(values, by, *, on=None, weights=None, delta=100.0, seed=0, threads
     zotdigest.digest(values[by == g], delta, seed) (the group's values in
     input order), whatever the threads and the number or order of groups.
     Keys are ordered and missing keys (NaN, None, NaT, pandas.NA) dropped
-    with their values as pandas' groupby does by default.
+    with their values as pandas' groupby does by default. Values and keys
+    pair up by position (pandas indexes are not aligned); pandas.NA among
+    nullable values counts as NaN, which a digest leaves out.
 
     `weights`: None, or non-negative whole numbers of the values' length
     (as zotdigest.digest takes them). With a DataFrame `df`, `by`, `on` and
