@@ -158,6 +158,9 @@ def test_data_frames_and_bad_input():
     if ENGINE:
         weighted = zotdigest.digest_by(frame, by="endpoint", on="latency", weights="n")
         assert weighted.count.tolist() == [3, 1]
+        a = (frame.endpoint == "a").to_numpy()
+        assert state(weighted["a"]) == state(zotdigest.digest(frame.latency[a].to_numpy(),
+                                                              weights=frame.n[a].to_numpy()))
     bad = [
         (lambda: zotdigest.digest_by(np.arange(3.0), [1, 2]), ValueError, "2 keys for 3 values"),
         (lambda: zotdigest.digest_by(["x"], [1]), TypeError, "numbers"),
@@ -189,3 +192,16 @@ def test_numpy_keys_factorize_as_pandas_does_with_and_without_pandas(by):
     for codes, keys in [_groups._factorize_numpy(by), zotdigest.factorize_keys(by)]:
         assert codes.tolist() == expected_codes.tolist()
         np.testing.assert_array_equal(keys, np.asarray(expected_keys))
+
+
+def test_without_pandas_numpy_keys_work_alike(tmp_path, monkeypatch):
+    values, by = rng.normal(size=600), rng.choice(["b", "a", "c"], 600)
+    with_pandas = zotdigest.digest_by(values, by)
+    monkeypatch.setattr(_groups, "_pandas", lambda: None)
+    groups = zotdigest.digest_by(values, by)
+    assert isinstance(groups.keys(), np.ndarray) and list(groups) == ["a", "b", "c"]
+    assert [state(groups[k]) for k in "abc"] == [state(with_pandas[k]) for k in "abc"]
+    for keys in (by, (by == "a").astype(np.int64) * 2**40):
+        zotdigest.save(tmp_path / "g.zd", zotdigest.digest_by(values, keys))
+        back = zotdigest.load_by(tmp_path / "g.zd")
+        assert back.keys().dtype == np.asarray(keys).dtype and len(back) in (2, 3)

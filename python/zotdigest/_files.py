@@ -12,7 +12,8 @@ import numpy as _np
 
 from . import _core
 from ._core import TDigest
-from ._groups import GroupedDigests, _pandas, factorize_keys
+from . import _groups
+from ._groups import GroupedDigests, factorize_keys
 
 
 def save(path, digests, label=None):
@@ -124,7 +125,7 @@ def _time_record(kind, value):
 def _key_record(key, unsigned=False):
     """(label, key record or None) for one key; integers as uint64 when
     `unsigned` (keys of a uint64 array)."""
-    pd = _pandas()
+    pd = _groups._pandas()
     if pd is not None and isinstance(key, pd.Timestamp):
         if key.tz is None:
             return str(key), _time_record(_DATETIME64, key.to_datetime64())
@@ -175,7 +176,7 @@ def _key_array(keys):
     else:
         array = _np.empty(len(keys), dtype=object)
         array[:] = keys
-    pd = _pandas()
+    pd = _groups._pandas()
     return array if pd is None else pd.Index(array)
 
 

@@ -404,8 +404,8 @@ def _grouped_digests_by_loop(values, codes, groups, weights, delta, seed, thread
         raise NotImplementedError("zotdigest.digest_by: weights need the engine's grouped build")
     order = _np.argsort(codes, kind="stable")
     bounds = _np.searchsorted(codes[order], _np.arange(groups + 1))
-    return [digest(values[order[bounds[g]:bounds[g + 1]]], delta, seed, threads)
-            for g in range(groups)]
+    ordered = values[order]
+    return [digest(ordered[bounds[g]:bounds[g + 1]], delta, seed, threads) for g in range(groups)]
 
 
 def digest_by(values, by, *, on=None, weights=None, delta=100.0, seed=0, threads=None):
@@ -455,8 +455,8 @@ def digest_by(values, by, *, on=None, weights=None, delta=100.0, seed=0, threads
         digests = _grouped_digests_by_loop(values, codes, len(keys), weights, float(delta), seed,
                                            threads)
     else:
-        digests = build(values, codes, len(keys), weights=weights, delta=float(delta), seed=seed,
-                        threads=threads)
+        digests = build(_np.ascontiguousarray(values), codes, len(keys), weights=weights,
+                        delta=float(delta), seed=seed, threads=threads)
     return GroupedDigests(keys, digests)
 
 
