@@ -29,12 +29,14 @@ KEYS = {
     "ints": (lambda: rng.choice([-3, 0, 7], size=B + 999, p=[0.9, 0.05, 0.05])),
     "floats with NaN": lambda: _with(rng.integers(0, 9, N) / 4, np.nan),
     "strings with None": lambda: _with(np.array(["b", "a", "ab", ""])[rng.integers(0, 4, N)], None),
-    "categorical": lambda: pd.Categorical(rng.choice(["x", "y", None], N), categories=["z", "y", "x"]),
+    "categorical": lambda: pd.Categorical(rng.choice(["x", "y", None], N),
+                                          categories=["z", "y", "x"]),
     "datetimes with NaT": lambda: pd.Series(pd.to_datetime(rng.integers(0, 5, N), unit="h")).where(
         rng.random(N) > 0.1),
     "bools": lambda: rng.random(N) > 0.3,
     "list": lambda: rng.integers(0, 4, N).tolist(),
-    "nullable ints": lambda: pd.Series(rng.integers(0, 3, N), dtype="Int64").where(rng.random(N) > .1),
+    "nullable ints": lambda: pd.Series(rng.integers(0, 3, N), dtype="Int64").where(
+        rng.random(N) > 0.1),
 }
 
 
@@ -48,7 +50,8 @@ def test_every_group_is_the_digest_of_its_values_in_groupby_order(make):
     assert groups.count.tolist() == sizes.tolist()
     keys = pd.Series(by)
     for key, digest in groups.items():
-        expected = zotdigest.digest(values[(keys == key).to_numpy(dtype=bool, na_value=False)], delta=50, seed=3)
+        mask = (keys == key).to_numpy(dtype=bool, na_value=False)
+        expected = zotdigest.digest(values[mask], delta=50, seed=3)
         assert state(digest) == state(expected), key
 
 
@@ -173,7 +176,8 @@ def test_data_frames_and_bad_input():
                                     ([np.nan, 1, 1, 1], ValueError, "NaN"),
                                     ([np.inf, 1, 1, 1], ValueError, "infinity"),
                                     ([1, 1], ValueError, "2 weights for 4"),
-                                    (np.array([2**63, 2**63, 0, 0], np.uint64), ValueError, "overflow"),
+                                    (np.array([2**63, 2**63, 0, 0], np.uint64), ValueError,
+                                     "overflow"),
                                     (["1", "1", "1", "1"], TypeError, "whole numbers")]:
         bad.append((lambda w=weights: zotdigest.digest_by(frame, by="endpoint", on="latency",
                                                           weights=np.asarray(w)), error, message))

@@ -33,7 +33,8 @@ def save(path, digests, label=None):
     path = _os.fspath(path)
     if isinstance(digests, GroupedDigests):
         if label is not None:
-            raise ValueError("zotdigest.save: a GroupedDigests is labelled by its keys; give no label")
+            raise ValueError("zotdigest.save: a GroupedDigests is labelled by its keys; "
+                             "give no label")
         if not len(digests):
             raise ValueError("zotdigest.save: no groups to save")
         unsigned = getattr(digests.keys(), "dtype", None) == _np.uint64

@@ -133,8 +133,8 @@ def factorize_keys(by):
     else a NumPy array).
     """
     if isinstance(by, (str, bytes)) or _np.ndim(by) != 1:
-        raise ValueError(f"zotdigest.digest_by: the keys must be a 1-D array, got {type(by).__name__}"
-                         f" of {_np.ndim(by)} dimensions")
+        raise ValueError(f"zotdigest.digest_by: the keys must be a 1-D array, got "
+                         f"{type(by).__name__} of {_np.ndim(by)} dimensions")
     pd = _pandas()
     if pd is not None:
         codes, keys = _factorize_pandas(pd, by)
@@ -197,6 +197,9 @@ class GroupedDigests(_abc.Mapping):
             raise ValueError(f"GroupedDigests: {len(keys)} keys but {len(digests)} digests")
         if len(deltas) and (deltas != deltas[0]).any():
             raise ValueError("GroupedDigests: the digests must share one Delta")
+        if not (keys.is_unique if hasattr(keys, "is_unique") else
+                len(_np.unique(keys)) == len(keys)):
+            raise ValueError("GroupedDigests: the keys must be distinct")
         self._keys = keys
         self._digests = digests
         self._locate = _key_index(keys)
@@ -295,10 +298,12 @@ class GroupedDigests(_abc.Mapping):
         if self._digests and other._digests and self.delta != other.delta:
             raise ValueError(f"GroupedDigests.merge: the mappings have different Delta "
                              f"({self.delta!r} and {other.delta!r})")
-        mine = _np.concatenate([_np.asarray(self._keys), _np.asarray(other._keys)])
-        if _pandas() is not None:
-            mine = _pandas().Index(self._keys).append(_pandas().Index(other._keys))
-        codes, keys = factorize_keys(mine)
+        pd = _pandas()
+        if pd is None:
+            both = _np.concatenate([_np.asarray(self._keys), _np.asarray(other._keys)])
+        else:
+            both = pd.Index(self._keys).append(pd.Index(other._keys))
+        codes, keys = factorize_keys(both)
         digests = [None] * len(keys)
         for position, source in enumerate(self._digests + other._digests):
             code = codes[position]
@@ -374,10 +379,11 @@ def _weights_array(weights, count):
         weights = weights.to_numpy()
     weights = _np.asarray(weights)
     if weights.ndim != 1 or weights.shape[0] != count:
-        raise ValueError(f"zotdigest.digest_by: {weights.shape[0] if weights.ndim == 1 else 'a non 1-D array of'}"
-                         f" weights for {count} values")
+        given = weights.shape[0] if weights.ndim == 1 else "a non 1-D array of"
+        raise ValueError(f"zotdigest.digest_by: {given} weights for {count} values")
     if weights.dtype.kind == "b" or weights.dtype.kind not in "iuf":
-        raise TypeError(f"zotdigest.digest_by: weights must be whole numbers, got dtype {weights.dtype}")
+        raise TypeError(f"zotdigest.digest_by: weights must be whole numbers, got dtype "
+                        f"{weights.dtype}")
     if weights.dtype.kind == "f":
         if not _np.isfinite(weights).all():
             raise ValueError("zotdigest.digest_by: the weights hold NaN or an infinity")
