@@ -169,6 +169,7 @@ def test_data_frames_and_bad_input():
         (lambda: zotdigest.digest_by(["x"], [1]), TypeError, "numbers"),
         (lambda: zotdigest.digest_by(frame, by="host", on="latency"), KeyError, "no column 'host'"),
         (lambda: zotdigest.digest_by(frame, by="endpoint"), ValueError, "on="),
+        (lambda: zotdigest.digest_by(frame.latency, by="endpoint"), TypeError, "DataFrame"),
         (lambda: zotdigest.digest_by(np.ones((2, 2)), [1, 2]), ValueError, "1-D"),
     ]
     for weights, error, message in [([1, -1, 0, 0], ValueError, "negative"),

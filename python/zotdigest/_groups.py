@@ -444,6 +444,8 @@ def digest_by(values, by, *, on=None, weights=None, delta=100.0, seed=0, threads
         by = _column(frame, by, "by")
         if weights is not None:
             weights = _column(frame, weights, "weights")
+    elif isinstance(by, str) or isinstance(weights, str):
+        raise TypeError("zotdigest.digest_by: by= and weights= name columns only of a DataFrame")
     values = _values_array(values)
     ReproducibleBuild(float(delta), seed, threads)  # checks delta, seed and threads first
     try:
