@@ -26,8 +26,10 @@ constexpr std::size_t kHeaderCrcOffset = 40;
 // announced larger than that is a lie we refuse before allocating for it.
 constexpr std::uint64_t kMaxInflateRatio = 1032;
 constexpr std::uint64_t kInflateSlack = 1024;
-// Build record kind 1: the reproducible block-tree build.
+// Build record kinds: the reproducible block-tree build, unweighted and
+// weighted.
 constexpr std::uint8_t kBuildKindBlockTree = 1;
+constexpr std::uint8_t kBuildKindWeightedBlockTree = 2;
 
 // --- writing -----------------------------------------------------------------
 
@@ -81,6 +83,36 @@ void encodeProperty(ByteWriter& out, const quorix::SavedProperty& p) {
     std::uint64_t w = 0;
     std::memcpy(&w, words + 8 * i, 8);
     out.u64(w);
+  }
+}
+
+void encodeKey(ByteWriter& out, const LabelKey& key) {
+  out.u8(static_cast<std::uint8_t>(key.kind));
+  switch (key.kind) {
+    case KeyKind::Text:
+      break;
+    case KeyKind::Bool:
+      out.u8(static_cast<std::uint8_t>(key.bits));
+      break;
+    case KeyKind::DateTime64:
+    case KeyKind::TimeDelta64:
+      out.u64(key.bits);
+      out.u8(key.unit);
+      break;
+    default:
+      out.u64(key.bits);
+  }
+}
+
+// The key as a writer may store it: a known kind, a bool of 0 or 1, a
+// known time unit.
+void checkKey(const LabelKey& key, const std::string& label) {
+  const auto kind = static_cast<std::uint8_t>(key.kind);
+  const bool timed = key.kind == KeyKind::DateTime64 || key.kind == KeyKind::TimeDelta64;
+  if (kind >= kKeyKindCount || (key.kind == KeyKind::Bool && key.bits > 1) ||
+      (timed && key.unit >= kTickUnitCount)) {
+    throw InputError("the key of label '" + label.substr(0, 40) +
+                     "' is of a kind a digest file cannot hold");
   }
 }
 
@@ -189,21 +221,55 @@ quorix::SavedProperty decodeProperty(Cursor& in) {
   return p;
 }
 
-std::optional<BuildRecord> decodeBuildRecord(Cursor& in) {
+std::optional<BuildRecord> decodeBuildRecord(Cursor& in, std::uint16_t version) {
   const std::uint8_t kind = in.u8("the build record's kind");
   if (kind == 0) {
     return std::nullopt;
   }
-  if (kind != kBuildKindBlockTree) {
-    in.fail("unknown build record kind " + std::to_string(kind));
+  const bool known =
+      kind == kBuildKindBlockTree || (kind == kBuildKindWeightedBlockTree && version >= 3);
+  if (!known) {
+    in.fail("unknown build record kind " + std::to_string(kind) + " in format version " +
+            std::to_string(version));
   }
   BuildRecord b;
+  b.weighted = kind == kBuildKindWeightedBlockTree;
   b.seed = in.u32("the build record's seed");
   b.blockSize = in.u64("the build record's block size");
   if (b.blockSize == 0) {
     in.fail("the build record's block size is 0");
   }
   return b;
+}
+
+LabelKey decodeKey(Cursor& in) {
+  LabelKey key;
+  const std::uint8_t kind = in.u8("the key's kind");
+  if (kind >= kKeyKindCount) {
+    in.fail("unknown key kind " + std::to_string(kind));
+  }
+  key.kind = static_cast<KeyKind>(kind);
+  switch (key.kind) {
+    case KeyKind::Text:
+      break;
+    case KeyKind::Bool:
+      key.bits = in.u8("a bool key");
+      if (key.bits > 1) {
+        in.fail("a bool key of " + std::to_string(key.bits));
+      }
+      break;
+    case KeyKind::DateTime64:
+    case KeyKind::TimeDelta64:
+      key.bits = in.u64("a time key");
+      key.unit = in.u8("a time key's unit");
+      if (key.unit >= kTickUnitCount) {
+        in.fail("unknown time unit number " + std::to_string(key.unit));
+      }
+      break;
+    default:
+      key.bits = in.u64("a key");
+  }
+  return key;
 }
 
 StoredDigest decodeRecord(Cursor& in, std::uint32_t index, std::uint16_t version) {
@@ -223,7 +289,10 @@ StoredDigest decodeRecord(Cursor& in, std::uint32_t index, std::uint16_t version
     d.saved.properties.push_back(decodeProperty(in));
   }
   if (version >= 2) {
-    d.build = decodeBuildRecord(in);
+    d.build = decodeBuildRecord(in, version);
+  }
+  if (version >= 3) {
+    d.key = decodeKey(in);
   }
   return d;
 }
@@ -341,9 +410,16 @@ std::uint32_t crc32Of(std::span<const std::byte> bytes) noexcept {
 }
 
 std::uint16_t formatVersionFor(const std::vector<StoredDigest>& digests) noexcept {
-  const bool built = std::any_of(digests.begin(), digests.end(),
-                                 [](const StoredDigest& d) { return d.build.has_value(); });
-  return built ? kFormatVersion : kPlainFormatVersion;
+  std::uint16_t version = kPlainFormatVersion;
+  for (const StoredDigest& d : digests) {
+    if ((d.build && d.build->weighted) || d.key.kind != KeyKind::Text) {
+      return kFormatVersion;
+    }
+    if (d.build) {
+      version = kBuiltFormatVersion;
+    }
+  }
+  return version;
 }
 
 std::vector<std::byte> encodePayload(const std::vector<StoredDigest>& digests) {
@@ -365,12 +441,16 @@ std::vector<std::byte> encodePayload(const std::vector<StoredDigest>& digests) {
     }
     if (version >= 2) {
       if (d.build) {
-        out.u8(kBuildKindBlockTree);
+        out.u8(d.build->weighted ? kBuildKindWeightedBlockTree : kBuildKindBlockTree);
         out.u32(d.build->seed);
         out.u64(d.build->blockSize);
       } else {
         out.u8(0);
       }
+    }
+    if (version >= 3) {
+      checkKey(d.key, d.label);
+      encodeKey(out, d.key);
     }
   }
   return out.take();

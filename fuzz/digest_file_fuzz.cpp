@@ -4,8 +4,9 @@
 // out of bounds, never allocate beyond what the input can describe.
 //
 // Checksums stop almost every mutation of a whole file at the header, so
-// inputs that start with 'P' (format version 1) or 'Q' (version 2, records
-// with build records) are taken as an uncompressed payload instead: byte 1
+// inputs that start with 'P' (format version 1), 'Q' (version 2, records
+// with build records) or 'R' (version 3, records with build records and
+// keys) are taken as an uncompressed payload instead: byte 1
 // is the digest count, the rest is packed into a file with correct
 // checksums first. That lets the fuzzer reach the record parser and the
 // TDigest state check behind them. Inputs that start with 'C' go, less that
@@ -33,7 +34,7 @@ void checkRoundTrip(const zotdigest::engine::DigestFile& file) {
   for (std::size_t i = 0; i < file.digests.size(); ++i) {
     const auto& a = file.digests[i];
     const auto& b = back.digests[i];
-    if (a.label != b.label || a.build != b.build ||
+    if (a.label != b.label || a.build != b.build || a.key != b.key ||
         a.saved.properties.size() != b.saved.properties.size()) {
       std::abort();
     }
@@ -52,8 +53,8 @@ void checkRoundTrip(const zotdigest::engine::DigestFile& file) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::span<const std::byte> bytes(reinterpret_cast<const std::byte*>(data), size);
   try {
-    if (size >= 2 && (data[0] == 'P' || data[0] == 'Q')) {
-      const std::uint16_t version = data[0] == 'P' ? 1 : 2;
+    if (size >= 2 && (data[0] == 'P' || data[0] == 'Q' || data[0] == 'R')) {
+      const auto version = static_cast<std::uint16_t>(data[0] - 'P' + 1);
       const std::vector<std::byte> file =
           zotdigest::engine::packDigestFile(bytes.subspan(2), data[1], version);
       checkRoundTrip(zotdigest::engine::decodeDigestFile(file));

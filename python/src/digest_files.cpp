@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <span>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -59,15 +60,42 @@ py::bytes toBytes(const std::vector<std::byte>& bytes) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-void saveDigests(const std::string& path, const py::sequence& digests, const py::sequence& labels) {
+engine::LabelKey keyOf(py::handle key) {
+  if (key.is_none()) {
+    return {};
+  }
+  const auto [kind, bits, unit] = key.cast<std::tuple<int, std::uint64_t, int>>();
+  if (kind <= 0 || kind >= engine::kKeyKindCount || unit < 0 || unit >= engine::kTickUnitCount) {
+    throw py::value_error("zotdigest: a key of unknown kind " + std::to_string(kind));
+  }
+  return {static_cast<engine::KeyKind>(kind), bits, static_cast<std::uint8_t>(unit)};
+}
+
+py::object keyTuple(const engine::LabelKey& key) {
+  if (key.kind == engine::KeyKind::Text) {
+    return py::none();
+  }
+  return py::make_tuple(static_cast<int>(key.kind), key.bits, static_cast<int>(key.unit));
+}
+
+void saveDigests(const std::string& path, const py::sequence& digests, const py::sequence& labels,
+                 const py::object& keys) {
   if (labels.size() != digests.size()) {
     throw py::value_error("zotdigest: " + std::to_string(labels.size()) + " labels for " +
+                          std::to_string(digests.size()) + " digests");
+  }
+  const py::sequence keyList = keys.is_none() ? py::sequence(py::list()) : py::sequence(keys);
+  if (!keys.is_none() && keyList.size() != digests.size()) {
+    throw py::value_error("zotdigest: " + std::to_string(keyList.size()) + " keys for " +
                           std::to_string(digests.size()) + " digests");
   }
   std::vector<engine::StoredDigest> stored;
   stored.reserve(labels.size());
   for (std::size_t i = 0; i < labels.size(); ++i) {
     stored.push_back({labels[i].cast<std::string>(), savedOf(digestOf(digests[i]))});
+    if (!keys.is_none()) {
+      stored.back().key = keyOf(keyList[i]);
+    }
   }
   // Released: compressing many digests and flushing the file to disk may
   // take a while.
@@ -77,7 +105,7 @@ void saveDigests(const std::string& path, const py::sequence& digests, const py:
   });
 }
 
-py::list decodeDigestFile(const py::bytes& data, const std::string& name) {
+py::list decodeDigestFile(const py::bytes& data, const std::string& name, bool keys) {
   engine::DigestFile file;
   try {
     file = engine::decodeDigestFile(bytesOf(data));
@@ -86,7 +114,11 @@ py::list decodeDigestFile(const py::bytes& data, const std::string& name) {
   }
   py::list digests;
   for (const engine::StoredDigest& d : file.digests) {
-    digests.append(py::make_tuple(d.label, restored(d.saved)));
+    if (keys) {
+      digests.append(py::make_tuple(d.label, restored(d.saved), keyTuple(d.key)));
+    } else {
+      digests.append(py::make_tuple(d.label, restored(d.saved)));
+    }
   }
   return digests;
 }
@@ -105,8 +137,10 @@ void register_digest_files(py::module_& m) {
       PyErr_SetString(PyExc_OSError, e.what());
     }
   });
-  m.def("_save_digests", &saveDigests, py::arg("path"), py::arg("digests"), py::arg("labels"));
-  m.def("_decode_digest_file", &decodeDigestFile, py::arg("data"), py::arg("name"));
+  m.def("_save_digests", &saveDigests, py::arg("path"), py::arg("digests"), py::arg("labels"),
+        py::arg("keys") = py::none());
+  m.def("_decode_digest_file", &decodeDigestFile, py::arg("data"), py::arg("name"),
+        py::arg("keys") = false);
   m.def("_to_compact", [](py::handle digest) {
     return toBytes(engine::encodeCompactDigest(savedOf(digestOf(digest))));
   });

@@ -8,8 +8,11 @@
 namespace zotdigest::python {
 
 // Adds to the extension:
-//   _save_digests(path, digests, labels)  writes a digest file atomically
-//   _decode_digest_file(data, name)       -> list of (label, TDigest)
+//   _save_digests(path, digests, labels, keys=None)  writes a digest file atomically
+//   _decode_digest_file(data, name, keys=False)      -> list of (label, TDigest)
+//                                                       (label, TDigest, key) with keys
+// A key is None (the label is text) or (kind, bits, unit): the engine's
+// LabelKey, kind and unit as numbers, bits a uint64.
 //   _to_compact(digest)                   -> bytes
 //   _from_compact(data)                   -> TDigest
 // The package's save, load, TDigest.to_bytes and TDigest.from_bytes call

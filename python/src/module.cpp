@@ -4,6 +4,7 @@
 #include "conversion.h"
 #include "digest_files.h"
 #include "errors.h"
+#include "group_queries.h"
 #include "grouped_build.h"
 #include "random_stream.h"
 #include "reproducible_build.h"
@@ -19,6 +20,7 @@ PYBIND11_MODULE(_core, m) {
   zp::register_random_stream(m);
   zp::register_tdigest(m);
   zp::register_routines(m);
+  zp::register_group_queries(m);
   zp::register_reproducible_build(m);
   zp::register_grouped_build(m);
   zp::register_digest_files(m);

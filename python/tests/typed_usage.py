@@ -19,4 +19,7 @@ def summarise(values: NDArray[np.float64], path: str) -> tuple[float, NDArray[np
     zotdigest.save(path, [d, merged], label=["all", "halves"])
     loaded = zotdigest.load(path, labels=True)
     again = TDigest.from_bytes(pickle.loads(pickle.dumps(d)).to_bytes())
-    return median + share, tails, again.count + len(loaded) + merged.count
+    groups = zotdigest.digest_by(values, values > 0).merge(zotdigest.digest_by(values, values > 0))
+    zotdigest.save(path, groups)
+    per_group: NDArray[np.float64] = zotdigest.load_by(path).quantile([0.5, 0.99])
+    return median + share, tails + per_group[0], again.count + len(loaded) + merged.count

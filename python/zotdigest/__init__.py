@@ -69,7 +69,8 @@ from ._core import (  # noqa: E402
 )
 from ._core import BLOCK_SIZE, ReproducibleBuild  # noqa: E402
 from . import _files, _names, _plot  # noqa: E402
-from ._files import load, save  # noqa: E402
+from ._files import load, load_by, save  # noqa: E402
+from ._groups import GroupedDigests, digest_by, factorize_keys  # noqa: E402
 from ._names import merge  # noqa: E402
 
 _names.install()
@@ -77,6 +78,7 @@ _files.install()
 _plot.install()
 
 __all__ = [
+    "GroupedDigests",
     "HostError",
     "HostTypeError",
     "HostValueError",
@@ -86,7 +88,9 @@ __all__ = [
     "class_definition",
     "column_digests",
     "digest",
+    "digest_by",
     "load",
+    "load_by",
     "merge",
     "merge_columns",
     "module_info",

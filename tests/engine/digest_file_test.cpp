@@ -166,6 +166,65 @@ TEST(DigestFile, build_records_round_trip_in_version_2) {
                 "ends inside the build record's seed");
 }
 
+// Version 3 adds weighted build records and typed keys; each file is
+// written in the lowest version that holds its records, and what a version
+// cannot hold is refused.
+TEST(DigestFile, weighted_builds_and_typed_keys_round_trip_in_version_3) {
+  const BuildRecord plain{7, 65536};
+  const BuildRecord weighted{7, 65536, true};
+  const std::vector<LabelKey> keys = {{KeyKind::Int64, std::uint64_t(-42)},
+                                      {KeyKind::UInt64, ~std::uint64_t{0}},
+                                      {KeyKind::Float64, std::bit_cast<std::uint64_t>(-0.5)},
+                                      {KeyKind::Bool, 1},
+                                      {KeyKind::DateTime64, std::uint64_t(-86400), 6},
+                                      {KeyKind::TimeDelta64, 5, 12},
+                                      {}};
+  std::vector<StoredDigest> digests;
+  for (const LabelKey& key : keys) {
+    digests.push_back(StoredDigest{"k", savedDigest(tree(1)), weighted, key});
+  }
+  const DigestFile back = decodeDigestFile(encodeDigestFile(digests));
+  EXPECT_EQ(back.header.version, 3);
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    EXPECT_EQ(back.digests[i].key, keys[i]);
+    EXPECT_EQ(back.digests[i].build, weighted);
+  }
+  const auto versionOf = [](std::optional<BuildRecord> build, LabelKey key) {
+    std::vector<StoredDigest> one;
+    one.push_back(StoredDigest{"", savedDigest(tree(1)), build, key});
+    return formatVersionFor(one);
+  };
+  EXPECT_EQ(versionOf(std::nullopt, {}), 1);
+  EXPECT_EQ(versionOf(plain, {}), 2);
+  EXPECT_EQ(versionOf(weighted, {}), 3);
+  EXPECT_EQ(versionOf(std::nullopt, keys[0]), 3);
+
+  // The last record ends: build kind, seed, block size, key kind, u64, unit.
+  digests.clear();
+  digests.push_back(StoredDigest{"t", savedDigest(tree(1)), weighted, keys[4]});
+  Bytes payload = encodePayload(digests);
+  const std::size_t unit = payload.size() - 1;
+  const std::size_t key = unit - 9;
+  const std::size_t kind = key - 13;
+  Bytes damaged = payload;
+  damaged[unit] = std::byte{13};
+  expectRefused(packDigestFile(damaged, 1, 3), FileError::BadRecord, "unknown time unit number 13");
+  damaged = payload;
+  damaged[key] = std::byte{7};
+  expectRefused(packDigestFile(damaged, 1, 3), FileError::BadRecord, "unknown key kind 7");
+  damaged.resize(key);
+  expectRefused(packDigestFile(damaged, 1, 2), FileError::BadRecord,
+                "unknown build record kind 2 in format version 2");
+  damaged = payload;
+  damaged[key] = std::byte{4};
+  damaged.resize(key + 2);
+  damaged[key + 1] = std::byte{2};
+  expectRefused(packDigestFile(damaged, 1, 3), FileError::BadRecord, "a bool key of 2");
+  EXPECT_EQ(payload[kind], std::byte{2});
+  digests[0].key.unit = 13;
+  EXPECT_THROW(encodePayload(digests), InputError);
+}
+
 // Sets a header field and, unless told not to, reseals the header.
 std::function<void(Bytes&)> set(std::size_t at, std::size_t width, std::uint64_t v,
                                 bool seal = true) {
