@@ -142,6 +142,10 @@ class TableBuilder {
 
   std::vector<Digest> finish() {
     flush();
+    if (builds_.empty()) {
+      throw InputError((files_ == 1 ? name_ : std::to_string(files_) + " files") +
+                       ": no row has a key, so there is no digest to make");
+    }
     std::vector<std::size_t> order(builds_.size());
     std::iota(order.begin(), order.end(), std::size_t{0});
     if (!options_.by.empty()) {

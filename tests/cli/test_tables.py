@@ -60,6 +60,7 @@ BAD = [  # name, content, options, message
     ("t.csv", b"v,w\n1,2.5\n", ["--column", "v", "--weight", "w"], "line 2, column 'w': '2.5' is not a weight"),
     ("t.csv", b"v,w\n1,-1\n", ["--column", "v", "--weight", "w"], "'-1' is not a weight"),
     ("t.csv", b"", ["--column", "v"], "t.csv is empty"),
+    ("t.csv", b"k,v\n,1\n", ["--column", "v", "--by", "k"], "t.csv: no row has a key"),
     ("t.csv.gz", gzip.compress(b"v\n1\n" * 1000)[:-30], ["--column", "v"], "gzip stream ends early"),
     ("t.csv.gz", DAMAGED, ["--column", "v"], "t.csv.gz: damaged gzip stream"),
     ("t.txt", b"1\n", ["--format", "npy", "--column", "v"], "read CSV or TSV input"),
