@@ -46,16 +46,40 @@ struct KeyHash {
   }
 };
 
-// The weighted build. Until the engine has one, --weight is refused here,
-// once its cells have been read and checked.
-engine::BuildOptions buildOptions(const BuildSettings& settings, bool /*weighted*/) {
+// The weighted build (engine/block_tree.h) and the record a digest file
+// keeps of it (build-record kind 2). Where the engine lacks either, --weight
+// is refused once its cells have been read and checked.
+template <class Options = engine::BuildOptions>
+Options buildOptions(const BuildSettings& settings, bool weighted) {
   // threads 0: the builds run inside the table build's own arena.
-  return engine::BuildOptions{settings.delta, settings.seed, 0};
+  Options options{settings.delta, settings.seed, 0};
+  if constexpr (requires { options.weighted; }) {
+    options.weighted = weighted;
+  }
+  return options;
 }
 
-void appendWeighted(engine::ReproducibleBuild& /*build*/, const double* /*values*/,
-                    const std::uint64_t* /*weights*/, std::size_t /*count*/) {
-  throw InputError("--weight needs the weighted build, which this version of zotdigest lacks");
+template <class Record = engine::BuildRecord>
+Record buildRecord(const BuildSettings& settings, bool weighted) {
+  Record record{settings.seed, engine::kBlockSize};
+  if constexpr (requires { record.weighted; }) {
+    record.weighted = weighted;
+  }
+  return record;
+}
+
+template <class Build, class Record = engine::BuildRecord>
+void appendWeighted(Build& build, const double* values, const std::uint64_t* weights,
+                    std::size_t count) {
+  constexpr bool kWeighted = requires {
+    build.appendWeighted(values, quorix::ClassID::Double, weights, count);
+  }
+  &&requires(Record r) { r.weighted; };
+  if constexpr (kWeighted) {
+    build.appendWeighted(values, quorix::ClassID::Double, weights, count);
+  } else {
+    throw InputError("--weight needs the weighted build, which this version of zotdigest lacks");
+  }
 }
 
 class TableBuilder {
@@ -161,8 +185,8 @@ class TableBuilder {
     std::vector<Digest> digests;
     digests.reserve(order.size());
     for (const std::size_t i : order) {
-      digests.push_back(Digest{labels_[i], std::move(objects[i]),
-                               engine::BuildRecord{settings_.seed, engine::kBlockSize}});
+      digests.push_back(
+          Digest{labels_[i], std::move(objects[i]), buildRecord(settings_, weighted_)});
     }
     if (!options_.quiet) {
       std::cerr << closingLine(added) << '\n';
