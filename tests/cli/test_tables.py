@@ -150,3 +150,23 @@ def test_columns_are_reproducible_across_threads_and_equal_each_column_alone(tmp
     assert list(table) == ["a", "b", "c"] and list(table.values()) == list(npy.values())
     two = centroid_lists(tmp_path / "m.csv", "--column", "c", "--column", "a", "-q")
     assert list(two) == ["c", "a"] and two["a"] == table["a"]
+
+
+def test_weights_count_their_values_and_each_key_is_its_rows_alone(tmp_path):
+    rng = np.random.default_rng(3)
+    n = 300_000  # over a block for key "a"
+    keys, values, weights = rng.choice(["a", "b"], n, p=[0.95, 0.05]), rng.normal(size=n), rng.integers(0, 4, n)
+    lines = [f"{k},{v!r},{w}" for k, v, w in zip(keys.tolist(), values.tolist(), weights.tolist())]
+    (tmp_path / "t.csv").write_text("k,v,w\n" + "\n".join(lines))
+    r = run("build", "t.csv", "--column", "v", "--weight", "w", "--by", "k", "-q", "-o", "t.zd",
+            cwd=tmp_path)
+    if "lacks" in r.err:
+        pytest.skip(r.err)
+    assert r.rc == 0, r
+    counts = {d["label"]: d["data_points"] for d in ok("summary", "t.zd", "--json", cwd=tmp_path).json()["digests"]}
+    assert counts == {k: int(weights[keys == k].sum()) for k in "ab"}
+    by_key = centroid_lists(tmp_path / "t.zd")
+    for k in "ab":
+        (tmp_path / "k.csv").write_text("k,v,w\n" + "\n".join(l for l, kk in zip(lines, keys) if kk == k))
+        ok("build", "k.csv", "--column", "v", "--weight", "w", "-q", "-o", "k.zd", cwd=tmp_path)
+        assert by_key[k] == centroid_lists(tmp_path / "k.zd")[""], k
