@@ -155,6 +155,9 @@ std::vector<Digest> buildTables(const InputOptions& in, InputFormat format,
   if (!in.by.empty() && in.columns) {
     throw InputError("--by makes one digest per key, --columns one per column: give one of them");
   }
+  if (!in.by.empty() && !in.label.empty()) {
+    throw InputError("with --by each digest is labelled by its key; --label does not apply");
+  }
   TableOptions table;
   table.dialect = CsvDialect{delimiterOf(in, format), !in.noHeader};
   table.columns = in.valueColumns;

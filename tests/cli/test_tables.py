@@ -56,6 +56,7 @@ BAD = [  # name, content, options, message
     ("t.csv", b"k,v\na\n", ["--column", "v"], "t.csv, line 2: the record has 1 field, but column 'v' is field 2"),
     ("t.csv", b'k,v\n"a,1\n', ["--column", "v"], "line 2: a quoted field never ends"),
     ("t.csv", b"k,v\n", ["--by", "k", "--column", "k", "--column", "v"], "give one --column"),
+    ("t.csv", b"k,v\n", ["--by", "k", "--column", "v", "--label", "x"], "--label does not apply"),
     ("t.csv", b"k,v,w\n", [], "name the column of values with --column; the header has: 'k', 'v', 'w'"),
     ("t.csv", b"v,w\n1,2.5\n", ["--column", "v", "--weight", "w"], "line 2, column 'w': '2.5' is not a weight"),
     ("t.csv", b"v,w\n1,-1\n", ["--column", "v", "--weight", "w"], "'-1' is not a weight"),
