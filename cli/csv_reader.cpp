@@ -38,19 +38,19 @@ CsvReader::CsvReader(std::unique_ptr<ByteSource> source, CsvDialect dialect)
 
 CsvReader::~CsvReader() = default;
 
-std::size_t CsvReader::column(std::string_view spec) const {
+std::size_t CsvReader::column(std::string_view given) const {
   for (std::size_t i = 0; i < header_.size(); ++i) {
-    if (header_[i] == spec) {
+    if (header_[i] == given) {
       return i;
     }
   }
   std::size_t number = 0;
-  const auto [ptr, ec] = std::from_chars(spec.data(), spec.data() + spec.size(), number);
-  if (ec == std::errc() && ptr == spec.data() + spec.size() && number > 0 &&
+  const auto [ptr, ec] = std::from_chars(given.data(), given.data() + given.size(), number);
+  if (ec == std::errc() && ptr == given.data() + given.size() && number > 0 &&
       (!dialect_.header || number <= header_.size())) {
     return number - 1;
   }
-  std::string message = name() + ": no column '" + std::string(spec) + "'";
+  std::string message = name() + ": no column '" + std::string(given) + "'";
   if (!dialect_.header) {
     message += " (without a header, columns are given by number, from 1)";
   } else {

@@ -45,7 +45,7 @@ class CsvReader {
   // The 0-based index of a column given by its header name or, when no
   // column has that name (or the input has no header), its 1-based number.
   // InputError listing the header when there is no such column.
-  std::size_t column(std::string_view spec) const;
+  std::size_t column(std::string_view given) const;
   // How a column is named in messages: its header name, or "column N".
   std::string columnName(std::size_t index) const;
 

@@ -206,8 +206,8 @@ class TableBuilder {
 
   std::vector<std::size_t> resolveValueColumns(const CsvReader& reader) const {
     std::vector<std::size_t> columns;
-    for (const std::string& spec : options_.columns) {
-      columns.push_back(reader.column(spec));
+    for (const std::string& given : options_.columns) {
+      columns.push_back(reader.column(given));
     }
     if (!columns.empty()) {
       return columns;
