@@ -12,7 +12,8 @@
 // read as NaN are skipped (they are no data), and so are rows whose key
 // cell is one of those; both are counted in the closing line on standard
 // error. Any other cell that is not a number, and any weight that is not a
-// non-negative integer, is an InputError naming the file, line and column.
+// non-negative integer, is an InputError naming the file, line and column
+// (the weight of a skipped value is not read).
 //
 // Memory: the read buffer, one chunk of parsed rows, and the builds (each
 // holds its partly filled block and its pending tree nodes).
