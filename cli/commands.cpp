@@ -286,9 +286,25 @@ std::vector<Digest> selectDigests(std::vector<Digest> digests, const OutputOptio
   return one;
 }
 
+// A label as text tables show it: one line, control characters escaped
+// (keys from a table may hold line ends; JSON gives them exactly).
+std::string shownLabel(const std::string& label) {
+  std::string shown;
+  for (const char c : label) {
+    const auto u = static_cast<unsigned char>(c);
+    if (u < 0x20 || u == 0x7f) {
+      static constexpr char kHex[] = "0123456789abcdef";
+      shown += {'\\', 'x', kHex[u >> 4], kHex[u & 15]};
+    } else {
+      shown += c;
+    }
+  }
+  return shown;
+}
+
 std::string columnTitle(const std::vector<Digest>& digests, std::size_t i, const char* single) {
   if (!digests[i].label.empty()) {
-    return digests[i].label;
+    return shownLabel(digests[i].label);
   }
   return digests.size() == 1 ? single : "#" + std::to_string(i);
 }
