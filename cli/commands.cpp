@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstring>
@@ -16,6 +17,7 @@
 #include "cli/output.h"
 #include "cli/picture.h"
 #include "cli/progress.h"
+#include "cli/table_build.h"
 #include "engine/atomic_file.h"
 #include "engine/digest_file.h"
 #include "quorix/messages.h"
@@ -102,9 +104,69 @@ BuildSettings settingsOf(const InputOptions& in) {
   BuildSettings s;
   s.delta = in.delta;
   s.seed = in.seed;
-  s.seedGiven = in.seedGiven;
   s.threads = in.threads;
   return s;
+}
+
+bool isTableName(const std::string& name) {
+  return name.ends_with(".csv") || name.ends_with(".tsv") || name.ends_with(".csv.gz") ||
+         name.ends_with(".tsv.gz");
+}
+
+// Tables are read by --format csv or tsv, by the table options, or by the
+// inputs' names.
+bool readsTables(const InputOptions& in, InputFormat format,
+                 const std::vector<std::unique_ptr<ByteSource>>& sources) {
+  if (format == InputFormat::Csv || format == InputFormat::Tsv) {
+    return true;
+  }
+  if (format != InputFormat::Auto) {
+    if (!in.valueColumns.empty() || !in.by.empty() || !in.weight.empty()) {
+      throw InputError("--column, --by and --weight read CSV or TSV input, not --format " +
+                       in.format);
+    }
+    return false;
+  }
+  if (!in.valueColumns.empty() || !in.by.empty() || !in.weight.empty() || !in.delimiter.empty() ||
+      in.noHeader) {
+    return true;
+  }
+  return std::any_of(sources.begin(), sources.end(),
+                     [](const auto& source) { return isTableName(source->name()); });
+}
+
+char delimiterOf(const InputOptions& in, InputFormat format) {
+  if (in.delimiter.empty()) {
+    return format == InputFormat::Tsv ? '\t' : format == InputFormat::Csv ? ',' : '\0';
+  }
+  if (in.delimiter == "\\t" || in.delimiter == "tab") {
+    return '\t';
+  }
+  if (in.delimiter.size() != 1) {
+    throw InputError("--delimiter takes one character ('" + in.delimiter +
+                     "' given; a tab is 'tab' or '\\t')");
+  }
+  return in.delimiter[0];
+}
+
+std::vector<Digest> buildTables(const InputOptions& in, InputFormat format,
+                                std::vector<std::unique_ptr<ByteSource>> sources,
+                                const BuildSettings& settings) {
+  if (!in.by.empty() && in.columns) {
+    throw InputError("--by makes one digest per key, --columns one per column: give one of them");
+  }
+  if (!in.by.empty() && !in.label.empty()) {
+    throw InputError("with --by each digest is labelled by its key; --label does not apply");
+  }
+  TableOptions table;
+  table.dialect = CsvDialect{delimiterOf(in, format), !in.noHeader};
+  table.columns = in.valueColumns;
+  table.everyColumn = in.columns;
+  table.by = in.by;
+  table.weight = in.weight;
+  table.label = in.label;
+  table.quiet = in.quiet;
+  return buildTableDigests(std::move(sources), table, settings);
 }
 
 std::vector<Digest> buildDigests(const InputOptions& in,
@@ -114,9 +176,14 @@ std::vector<Digest> buildDigests(const InputOptions& in,
   ProgressLine progress(ProgressLine::wanted(in.quiet));
   BuildSettings settings = settingsOf(in);
   settings.progress = &progress;
+  if (readsTables(in, format, sources)) {
+    std::vector<Digest> digests = buildTables(in, format, std::move(sources), settings);
+    progress.finish();
+    return digests;
+  }
   if (in.columns) {
     if (format == InputFormat::Text || format == InputFormat::Raw) {
-      throw InputError("--columns reads .npy files; text and raw input have no columns");
+      throw InputError("--columns reads .npy files and tables; text and raw input have no columns");
     }
     ColumnDigestBuilder builder(settings);
     for (auto& source : sources) {
@@ -128,7 +195,8 @@ std::vector<Digest> buildDigests(const InputOptions& in,
     std::vector<Digest> digests;
     const std::string prefix = in.label.empty() ? "col" : in.label + ".col";
     for (std::size_t c = 0; c < objects.size(); ++c) {
-      digests.push_back(Digest{prefix + std::to_string(c), std::move(objects[c])});
+      digests.push_back(
+          Digest{prefix + std::to_string(c), std::move(objects[c]), builder.record()});
     }
     return digests;
   }
@@ -180,6 +248,31 @@ std::vector<Digest> loadDigests(const InputOptions& in) {
 }
 
 std::vector<Digest> selectDigests(std::vector<Digest> digests, const OutputOptions& out) {
+  if (out.label) {
+    if (out.digest) {
+      throw InputError("--digest and --label both pick a digest: give one of them");
+    }
+    for (Digest& d : digests) {
+      if (d.label == *out.label) {
+        std::vector<Digest> one;
+        one.push_back(std::move(d));
+        return one;
+      }
+    }
+    std::string message = "no digest is labelled '" + *out.label + "'";
+    constexpr std::size_t kListed = 20;
+    if (digests.size() > kListed) {
+      message += "; the input holds " + std::to_string(digests.size()) + " digests";
+    } else if (digests.empty()) {
+      message += "; the input holds no digests";
+    } else {
+      message += "; the labels are:";
+      for (std::size_t i = 0; i < digests.size(); ++i) {
+        message += (i == 0 ? " '" : ", '") + digests[i].label + "'";
+      }
+    }
+    throw InputError(message);
+  }
   if (!out.digest) {
     return digests;
   }
@@ -193,9 +286,25 @@ std::vector<Digest> selectDigests(std::vector<Digest> digests, const OutputOptio
   return one;
 }
 
+// A label as text tables show it: one line, control characters escaped
+// (keys from a table may hold line ends; JSON gives them exactly).
+std::string shownLabel(const std::string& label) {
+  std::string shown;
+  for (const char c : label) {
+    const auto u = static_cast<unsigned char>(c);
+    if (u < 0x20 || u == 0x7f) {
+      static constexpr char kHex[] = "0123456789abcdef";
+      shown += {'\\', 'x', kHex[u >> 4], kHex[u & 15]};
+    } else {
+      shown += c;
+    }
+  }
+  return shown;
+}
+
 std::string columnTitle(const std::vector<Digest>& digests, std::size_t i, const char* single) {
   if (!digests[i].label.empty()) {
-    return digests[i].label;
+    return shownLabel(digests[i].label);
   }
   return digests.size() == 1 ? single : "#" + std::to_string(i);
 }
@@ -221,14 +330,24 @@ void printPointQuery(const OutputOptions& out, const std::vector<Digest>& digest
     json.endArray().endObject();
     return;
   }
-  std::vector<std::string> header = {argName};
-  for (std::size_t d = 0; d < digests.size(); ++d) {
-    header.push_back(columnTitle(digests, d, valueName));
+  if (digests.size() == 1) {
+    TextTable table({argName, columnTitle(digests, 0, valueName)});
+    for (std::size_t i = 0; i < args.size(); ++i) {
+      table.addRow({formatNumber(args[i], 0), formatNumber(values[0][i], out.precision)});
+    }
+    table.print(std::cout);
+    return;
+  }
+  // Many digests (one per key or column): a row per digest, a column per
+  // argument.
+  std::vector<std::string> header = {"label"};
+  for (const double a : args) {
+    header.push_back(std::string(argName) + "=" + formatNumber(a, 0));
   }
   TextTable table(std::move(header));
-  for (std::size_t i = 0; i < args.size(); ++i) {
-    std::vector<std::string> row = {formatNumber(args[i], 0)};
-    for (std::size_t d = 0; d < digests.size(); ++d) {
+  for (std::size_t d = 0; d < digests.size(); ++d) {
+    std::vector<std::string> row = {columnTitle(digests, d, valueName)};
+    for (std::size_t i = 0; i < args.size(); ++i) {
       row.push_back(formatNumber(values[d][i], out.precision));
     }
     table.addRow(std::move(row));
@@ -292,6 +411,17 @@ const HostArray* savedProperty(const StoredDigest& d, const char* name) {
   return nullptr;
 }
 
+// Whether a build record is of the weighted build (kind 2), where the
+// file format knows that kind.
+template <class Record>
+bool isWeighted(const Record& record) {
+  if constexpr (requires { record.weighted; }) {
+    return record.weighted;
+  } else {
+    return false;
+  }
+}
+
 // The stored numbers, read without the module (the decoder has checked
 // that every one is present and of its class).
 DigestStats storedStats(const StoredDigest& d) {
@@ -325,8 +455,9 @@ void printInfoText(const std::string& path, const DigestFile& file, int precisio
     const DigestStats s = storedStats(d);
     // How it was built, when the file says so: the reproducible build's
     // seed and block size; "-" for merges and files of format version 1.
-    const std::string built = d.build ? "seed " + std::to_string(d.build->seed) + ", blocks of " +
-                                            std::to_string(d.build->blockSize)
+    const std::string built = d.build ? std::string(isWeighted(*d.build) ? "weighted, " : "") +
+                                            "seed " + std::to_string(d.build->seed) +
+                                            ", blocks of " + std::to_string(d.build->blockSize)
                                       : "-";
     table.addRow({std::to_string(i), d.label.empty() ? "-" : d.label, d.saved.className,
                   formatNumber(s.delta, precision), formatCount(s.dataPoints),
@@ -360,7 +491,7 @@ void printInfoJson(JsonWriter& json, const std::string& path, const DigestFile& 
     if (d.build) {
       json.key("build")
           .beginObject()
-          .field("kind", "block tree")
+          .field("kind", isWeighted(*d.build) ? "weighted block tree" : "block tree")
           .field("seed", std::uint64_t{d.build->seed})
           .field("block_size", d.build->blockSize)
           .endObject();
@@ -507,31 +638,49 @@ void runSummary(const InputOptions& in, const OutputOptions& out) {
     json.endArray().endObject();
     return;
   }
-  std::vector<std::string> header;
-  if (digests.size() > 1) {
-    header.push_back("");
-    for (std::size_t k = 0; k < digests.size(); ++k) {
-      header.push_back(columnTitle(digests, k, ""));
+  const int prec = out.precision;
+  struct Field {
+    const char* name;
+    std::string (*cell)(const Summary&, int);
+  };
+  const Field fields[] = {
+      {"delta", [](const Summary& s, int p) { return formatNumber(s.stats.delta, p); }},
+      {"data points", [](const Summary& s, int) { return formatCount(s.stats.dataPoints); }},
+      {"centroids", [](const Summary& s, int) { return formatCount(s.stats.centroids); }},
+      {"min (first centroid)", [](const Summary& s, int p) { return formatNumber(s.min, p); }},
+      {"max (last centroid)", [](const Summary& s, int p) { return formatNumber(s.max, p); }},
+      {"mean", [](const Summary& s, int p) { return formatNumber(s.mean, p); }},
+  };
+  const auto quantileCell = [&](const Summary& s, std::size_t i) {
+    return formatNumber(s.quantiles[i], prec);
+  };
+  if (digests.size() == 1) {
+    TextTable table;
+    for (const Field& f : fields) {
+      table.addRow({f.name, f.cell(all[0], prec)});
     }
+    for (std::size_t i = 0; i < kSummaryQuantiles.size(); ++i) {
+      table.addRow({kSummaryQuantiles[i].first, quantileCell(all[0], i)});
+    }
+    table.print(std::cout);
+    return;
+  }
+  // Many digests: a row per digest.
+  std::vector<std::string> header = {"label", "delta", "data points", "centroids",
+                                     "min",   "max",   "mean"};
+  for (const auto& q : kSummaryQuantiles) {
+    header.push_back(q.first);
   }
   TextTable table(std::move(header));
-  const auto row = [&](const std::string& name, auto cell) {
-    std::vector<std::string> cells = {name};
-    for (const Summary& s : all) {
-      cells.push_back(cell(s));
+  for (std::size_t k = 0; k < digests.size(); ++k) {
+    std::vector<std::string> row = {columnTitle(digests, k, "")};
+    for (const Field& f : fields) {
+      row.push_back(f.cell(all[k], prec));
     }
-    table.addRow(std::move(cells));
-  };
-  const int prec = out.precision;
-  row("delta", [&](const Summary& s) { return formatNumber(s.stats.delta, prec); });
-  row("data points", [&](const Summary& s) { return formatCount(s.stats.dataPoints); });
-  row("centroids", [&](const Summary& s) { return formatCount(s.stats.centroids); });
-  row("min (first centroid)", [&](const Summary& s) { return formatNumber(s.min, prec); });
-  row("max (last centroid)", [&](const Summary& s) { return formatNumber(s.max, prec); });
-  row("mean", [&](const Summary& s) { return formatNumber(s.mean, prec); });
-  for (std::size_t i = 0; i < kSummaryQuantiles.size(); ++i) {
-    row(kSummaryQuantiles[i].first,
-        [&](const Summary& s) { return formatNumber(s.quantiles[i], prec); });
+    for (std::size_t i = 0; i < kSummaryQuantiles.size(); ++i) {
+      row.push_back(quantileCell(all[k], i));
+    }
+    table.addRow(std::move(row));
   }
   table.print(std::cout);
 }

@@ -16,19 +16,26 @@ struct InputOptions {
   std::string format = "auto";     // auto, text, npy, raw
   std::string dtype;               // raw input's element type
   double delta = 100.0;
-  // Seed of the reproducible build; --columns reads it only when given.
-  std::uint32_t seed = 0;
-  bool seedGiven = false;
-  unsigned threads = 0;  // 0: every core
-  bool columns = false;  // one digest per column of .npy input
+  std::uint32_t seed = 0;  // seed of the reproducible build
+  unsigned threads = 0;    // 0: every core
+  bool columns = false;    // one digest per column of .npy or table input
   std::string label;
   bool quiet = false;  // no progress line while numbers are read
+  // Tables (CSV, TSV): the value columns, the key column (one digest per
+  // key), the weight column, the delimiter ("" by the file's name) and
+  // whether the first line is a header.
+  std::vector<std::string> valueColumns;
+  std::string by;
+  std::string weight;
+  std::string delimiter;
+  bool noHeader = false;
 };
 
 struct OutputOptions {
   bool json = false;
   int precision = 10;                 // significant digits in text; 0 = shortest exact
   std::optional<std::size_t> digest;  // show only this digest (0-based)
+  std::optional<std::string> label;   // show only the digest of this label
 };
 
 // build: numbers to a digest file at `outPath`.

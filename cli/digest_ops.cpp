@@ -1,5 +1,7 @@
 #include "cli/digest_ops.h"
 
+#include <tbb/parallel_for.h>
+
 #include <algorithm>
 #include <array>
 #include <memory>
@@ -9,7 +11,6 @@
 #include "quorix/interrupt.h"
 #include "quorix/messages.h"
 #include "quorix/object_system.h"
-#include "quorix/random_stream.h"
 
 namespace zotdigest::cli {
 namespace {
@@ -25,52 +26,7 @@ using quorix::ObjectSystem;
 constexpr const char* kModuleName = "libzotdigest";
 // Routines of the module's function table.
 constexpr std::size_t kArrayMerge = 0;
-constexpr std::size_t kColumnBuild = 1;
 constexpr std::size_t kColumnMerge = 2;
-// Streams the runtime must address for a seeded generator.
-constexpr std::uint64_t kStreamCount = 1000000;
-
-// A digest keeps a plain pointer to the stream it was last fed with; the
-// streams made here therefore live as long as the process.
-const HostArray& keepStream(HostArrayPtr stream) {
-  static std::vector<HostArrayPtr> streams;
-  streams.push_back(std::move(stream));
-  return *streams.back();
-}
-
-const HostArray& seededStream(std::uint32_t seed, std::uint64_t substream) {
-  std::shared_ptr<quorix::RandomStream> stream =
-      quorix::RandomStream::create("mrg32k3a", kStreamCount, seed);
-  if (substream > 1) {
-    stream->selectSubstream(substream);
-  }
-  return keepStream(quorix::RandomStream::toHostValue(std::move(stream)));
-}
-
-HostArrayPtr emptyDouble() { return HostArray::createNumericMatrix(0, 0, ClassID::Double); }
-
-// A new digest with the given Delta, fed later with `stream` (or with the
-// module's default when null).
-HostArrayPtr newDigest(double delta, const HostArray* stream) {
-  digestModule();
-  const HostArrayPtr data = emptyDouble();
-  const HostArrayPtr d = HostArray::createDoubleScalar(delta);
-  const std::array<const HostArray*, 3> in = {data.get(), d.get(), stream};
-  return ObjectSystem::construct(engine::kDigestClass, stream ? 3 : 2, in.data());
-}
-
-// Calls "add" with one chunk: parallel without a stream, serial with one.
-void addChunk(const HostArray& digest, const HostArray& chunk, const HostArray* stream) {
-  std::array<HostArray*, 1> out{};
-  const std::array<const HostArray*, 3> in = {&digest, &chunk, stream};
-  ObjectSystem::callMethod("add", 0, out.data(), stream ? 3 : 2, in.data());
-  quorix::checkInterrupt();
-}
-
-// A numeric view of `count` elements of `buffer`, as a column.
-HostArrayPtr viewOf(void* buffer, std::size_t rows, std::size_t columns, ClassID id) {
-  return HostArray::createView(quorix::Dims{rows, columns}, id, buffer, nullptr, nullptr);
-}
 
 HostArrayPtr scalarOf(const HostArray& objects, std::size_t i) {
   return HostArray::createScalarObject(objects.object(i));
@@ -151,40 +107,48 @@ engine::BuildRecord DigestBuilder::record() const {
 
 ColumnDigestBuilder::ColumnDigestBuilder(const BuildSettings& settings) : settings_(settings) {
   digestModule();
+  if (settings_.threads > 0) {
+    arena_ = std::make_unique<tbb::task_arena>(static_cast<int>(settings_.threads));
+  }
 }
 
 ColumnDigestBuilder::~ColumnDigestBuilder() = default;
 
-const HostArray& ColumnDigestBuilder::columnDigest(std::size_t column) {
-  if (!digests_[column]) {
-    const HostArray* stream = nullptr;
-    if (settings_.seedGiven) {
-      streams_[column] = &seededStream(settings_.seed, column + 1);
-      stream = streams_[column];
-    }
-    digests_[column] = newDigest(settings_.delta, stream);
+template <class Work>
+void ColumnDigestBuilder::run(Work&& work) {
+  if (arena_) {
+    arena_->execute(std::forward<Work>(work));
+  } else {
+    work();
   }
-  return *digests_[column];
 }
 
 void ColumnDigestBuilder::add(ColumnBlockReader& reader) {
   if (!columns_) {
     columns_ = reader.columns();
-    digests_.resize(reader.columns());
-    streams_.resize(reader.columns());
+    for (std::size_t c = 0; c < reader.columns(); ++c) {
+      // threads 0: the builds share this builder's arena.
+      builds_.push_back(std::make_unique<engine::ReproducibleBuild>(
+          engine::BuildOptions{settings_.delta, settings_.seed, 0}));
+    }
   } else if (*columns_ != reader.columns()) {
     throw InputError("all inputs of a per-column build need the same number of columns (" +
                      std::to_string(*columns_) + "), but one has " +
                      std::to_string(reader.columns()));
   }
   buffer_.resize(reader.capacity());
+  const std::size_t width = quorix::elementSize(reader.elementClass());
+  const auto* base = reinterpret_cast<const std::byte*>(buffer_.data());
   ColumnBlock block;
   while (reader.next(block, buffer_.data())) {
-    if (settings_.seedGiven) {
-      addBlockSerially(block, reader);
-    } else {
-      addBlockInParallel(block, reader);
-    }
+    // A block holds rows [firstRow, firstRow + rows) of its columns, and
+    // every column's blocks come in row order.
+    run([&] {
+      tbb::parallel_for(std::size_t{0}, block.columns, [&](std::size_t c) {
+        builds_[block.firstColumn + c]->append(base + c * block.rows * width, block.rows,
+                                               reader.elementClass());
+      });
+    });
     quorix::checkInterrupt();
     if (settings_.progress) {
       settings_.progress->advance(std::uint64_t{block.rows} * std::uint64_t{block.columns});
@@ -192,55 +156,20 @@ void ColumnDigestBuilder::add(ColumnBlockReader& reader) {
   }
 }
 
-void ColumnDigestBuilder::addBlockSerially(const ColumnBlock& block,
-                                           const ColumnBlockReader& reader) {
-  // Pieces of rowsPerPiece rows, aligned to multiples of it: the same cuts
-  // whatever the memory order of the file, hence the same digests.
-  const std::size_t piece = reader.rowsPerPiece();
-  const std::size_t width = quorix::elementSize(reader.elementClass());
-  auto* base = reinterpret_cast<std::byte*>(buffer_.data());
-  for (std::size_t c = 0; c < block.columns; ++c) {
-    const std::size_t column = block.firstColumn + c;
-    const HostArray& digest = columnDigest(column);
-    std::byte* values = base + c * block.rows * width;
-    for (std::size_t r = 0; r < block.rows; r += piece) {
-      const std::size_t n = std::min(piece, block.rows - r);
-      const HostArrayPtr chunk = viewOf(values + r * width, n, 1, reader.elementClass());
-      addChunk(digest, *chunk, streams_[column]);
-    }
-  }
-}
-
-void ColumnDigestBuilder::addBlockInParallel(const ColumnBlock& block,
-                                             const ColumnBlockReader& reader) {
-  const HostArrayPtr data =
-      viewOf(buffer_.data(), block.rows, block.columns, reader.elementClass());
-  const HostArrayPtr delta = HostArray::createDoubleScalar(settings_.delta);
-  std::array<HostArray*, 1> out{};
-  const std::array<const HostArray*, 2> in = {data.get(), delta.get()};
-  digestModule().call(kColumnBuild, 1, out.data(), 2, in.data());
-  const HostArrayPtr built(out[0]);
-  for (std::size_t c = 0; c < block.columns; ++c) {
-    HostArrayPtr& target = digests_[block.firstColumn + c];
-    HostArrayPtr part = scalarOf(*built, c);
-    if (!target) {
-      target = std::move(part);
-      continue;
-    }
-    std::array<HostArray*, 1> none{};
-    const std::array<const HostArray*, 2> args = {target.get(), part.get()};
-    quorix::ObjectSystem::callMethod("merge", 0, none.data(), 2, args.data());
-  }
-}
-
 std::vector<HostArrayPtr> ColumnDigestBuilder::finish() {
   if (!columns_ || *columns_ == 0) {
     throw InputError("the input has no columns");
   }
-  for (std::size_t c = 0; c < digests_.size(); ++c) {
-    columnDigest(c);  // columns without rows get an empty digest
-  }
-  return std::move(digests_);
+  std::vector<HostArrayPtr> digests(builds_.size());
+  run([&] {
+    tbb::parallel_for(std::size_t{0}, builds_.size(),
+                      [&](std::size_t c) { digests[c] = builds_[c]->finish(); });
+  });
+  return digests;
+}
+
+engine::BuildRecord ColumnDigestBuilder::record() const {
+  return engine::BuildRecord{settings_.seed, engine::kBlockSize};
 }
 
 // --- queries -----------------------------------------------------------------

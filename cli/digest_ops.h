@@ -7,6 +7,8 @@
 // untouched; the tool's own refusals are InputError.
 #pragma once
 
+#include <tbb/task_arena.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -41,12 +43,8 @@ struct Digest {
 
 struct BuildSettings {
   double delta = 100.0;
-  // The seed of the reproducible build (engine/reproducible_build.h). The
-  // per-column build reads it only when it was given: then each column is
-  // added serially with a stream of this seed, else the module's parallel
-  // column build runs (faster, not reproducible).
+  // The seed of the reproducible build (engine/reproducible_build.h).
   std::uint32_t seed = 0;
-  bool seedGiven = false;
   unsigned threads = 0;  // worker threads at most; 0: every core
   // Elements per call of "add": memory stays bounded by this, whatever the
   // input's size.
@@ -77,12 +75,10 @@ class DigestBuilder {
 };
 
 // One digest per column of 1-D or 2-D .npy inputs, which must all have the
-// same number of columns. Without a seed each block of rows goes through
-// the module's column build (routine 1 of its function table, parallel)
-// and the block's digests are merged into the columns' digests. With a
-// seed each column is added serially with its own stream: substream c + 1
-// of the seed's stream for column c, so a column's digest depends on its
-// own values only, and not on the file's memory order.
+// same number of columns: the reproducible build of each column's values in
+// row order, so a column's digest depends on its own values, Delta and the
+// seed only (not on the file's memory order, the threads or the other
+// columns). The columns' builds run side by side.
 class ColumnDigestBuilder {
  public:
   explicit ColumnDigestBuilder(const BuildSettings& settings);
@@ -92,16 +88,17 @@ class ColumnDigestBuilder {
   // One digest per column, in column order (empty digests for columns of
   // no rows); InputError when no input had a column.
   std::vector<quorix::HostArrayPtr> finish();
+  // What a digest file records of each column's build.
+  engine::BuildRecord record() const;
 
  private:
-  const quorix::HostArray& columnDigest(std::size_t column);
-  void addBlockSerially(const ColumnBlock& block, const ColumnBlockReader& reader);
-  void addBlockInParallel(const ColumnBlock& block, const ColumnBlockReader& reader);
+  template <class Work>
+  void run(Work&& work);
 
   BuildSettings settings_;
   std::optional<std::size_t> columns_;
-  std::vector<quorix::HostArrayPtr> digests_;
-  std::vector<const quorix::HostArray*> streams_;
+  std::unique_ptr<tbb::task_arena> arena_;  // only when threads are limited
+  std::vector<std::unique_ptr<engine::ReproducibleBuild>> builds_;
   std::vector<std::uint64_t> buffer_;
 };
 

@@ -20,6 +20,8 @@ constexpr const char* kExamples = R"(Examples:
   seq 1 100000 | zotdigest build -o seq.zd          # numbers from a pipe
   zotdigest build data.npy --delta 200 --seed 7 -o data.zd
   zotdigest build matrix.npy --columns -o cols.zd   # one digest per column
+  zotdigest build t.csv --column latency --by endpoint -o t.zd   # one per key
+  zotdigest quantile t.zd 0.5 0.99 --label /api/users
   zotdigest summary data.zd
   zotdigest quantile data.zd 0.5 0.99 0.999
   zotdigest cdf data.zd -- -1.5 0 1.5 --json
@@ -32,37 +34,41 @@ Exit status: 0 success, 1 failed computation or output, 2 usage error or
 bad input (including damaged digest files), 130 interrupted by Ctrl-C.)";
 
 constexpr const char* kInputHelp =
-    "Numbers as text (blank- or line-separated, '#' comments), .npy (detected by its magic), or "
-    "raw binary with --dtype; a digest file made by 'build' or 'merge'; '-' is standard input";
-
-// --seed of every subcommand that has one; whichever ran was given or not.
-struct Seed {
-  std::uint32_t value = 0;
-  std::vector<CLI::Option*> options;
-  bool given() const {
-    for (const CLI::Option* o : options) {
-      if (o->count() > 0) {
-        return true;
-      }
-    }
-    return false;
-  }
-};
+    "Numbers as text (blank- or line-separated, '#' comments), .npy (detected by its magic), "
+    "raw binary with --dtype, or a CSV or TSV table (--column); a digest file made by 'build' "
+    "or 'merge'; '-' is standard input";
 
 // Options that say how numbers become a digest.
-void addBuildOptions(CLI::App& sub, InputOptions& in, Seed& seed) {
+void addBuildOptions(CLI::App& sub, InputOptions& in) {
   sub.add_option("--delta", in.delta, "Compression parameter Delta (> 0)")->capture_default_str();
-  seed.options.push_back(
-      sub.add_option("--seed", seed.value,
-                     "Seed of the reproducible build: the same numbers, Delta and seed give the "
-                     "same digest on any machine and thread count (with --columns: each column "
-                     "added serially with this seed; without it in parallel)")
-          ->capture_default_str());
+  sub.add_option("--seed", in.seed,
+                 "Seed of the reproducible build: the same numbers, Delta and seed give the "
+                 "same digest on any machine and thread count (every digest of a file: each "
+                 "column's, each key's)")
+      ->capture_default_str();
   sub.add_option("--threads", in.threads, "Worker threads at most (default: every core)")
       ->check(CLI::Range(1, 4096));
-  sub.add_flag("--columns", in.columns, "One digest per column of a 1-D or 2-D .npy array");
-  sub.add_option("--format", in.format, "Input format: auto, text, npy or raw")
+  sub.add_flag("--columns", in.columns,
+               "One digest per column of a 1-D or 2-D .npy array, or of a table (every "
+               "column, or those given with --column)");
+  sub.add_option("--format", in.format,
+                 "Input format: auto, text, npy, raw, csv or tsv (auto: .csv and .tsv files, "
+                 "also gzip-compressed as .csv.gz and .tsv.gz, are tables)")
       ->capture_default_str();
+  sub.add_option("--column", in.valueColumns,
+                 "Table column of the values, by header name or 1-based number (repeat it "
+                 "for one digest per column)");
+  sub.add_option("--by", in.by,
+                 "Table column of keys: one digest per key, labelled by it, in the byte order "
+                 "of the keys");
+  sub.add_option("--weight", in.weight,
+                 "Table column of weights: non-negative integers, each value counts that "
+                 "many times");
+  sub.add_option("--delimiter", in.delimiter,
+                 "Field delimiter of a table (default ',' and, for .tsv files, tab; 'tab' "
+                 "or '\\t' for a tab)");
+  sub.add_flag("--no-header", in.noHeader,
+               "The table has no header line: columns are given by number");
   sub.add_option("--dtype", in.dtype,
                  "Element type of raw input: float64 float32 int8 uint8 int16 uint16 int32 "
                  "uint32 int64 uint64");
@@ -78,6 +84,7 @@ void addOutputOptions(CLI::App& sub, OutputOptions& out) {
       ->check(CLI::Range(0, 17))
       ->capture_default_str();
   sub.add_option("--digest", out.digest, "Only the digest with this 0-based index of the file");
+  sub.add_option("--label", out.label, "Only the digest with this label (a key of a --by build)");
 }
 
 int fail(int status, const std::string& message) {
@@ -101,7 +108,6 @@ int main(int argc, char** argv) {
 
   InputOptions in;
   OutputOptions out;
-  Seed seed;
   std::string input;
   std::string output;
   std::vector<std::string> files;
@@ -113,12 +119,14 @@ int main(int argc, char** argv) {
   build->add_option("-o,--output", output, "Digest file to write (replaced atomically)")
       ->required();
   build->add_option("--label", in.label, "Label stored with the digest");
-  addBuildOptions(*build, in, seed);
+  addBuildOptions(*build, in);
   build->footer(
       "Examples:\n  seq 1 1000 | zotdigest build -o seq.zd\n"
       "  zotdigest build a.txt b.txt --delta 50 -o ab.zd\n"
       "  zotdigest build big.f32 --dtype float32 --seed 1 -o big.zd\n"
-      "  zotdigest build table.npy --columns -o columns.zd");
+      "  zotdigest build table.npy --columns -o columns.zd\n"
+      "  zotdigest build t.csv.gz --column latency --by endpoint -o t.zd\n"
+      "  zotdigest build t.tsv --column 2 --no-header --weight 3 -o w.zd");
 
   struct PointCommand {
     const char* name;
@@ -144,7 +152,7 @@ int main(int argc, char** argv) {
     }
     sub->add_option("input", input, kInputHelp)->required();
     sub->add_option("values", values, c.values)->required();
-    addBuildOptions(*sub, in, seed);
+    addBuildOptions(*sub, in);
     addOutputOptions(*sub, out);
     sub->footer(std::string("Example:\n  ") + c.example);
     pointSubs.emplace_back(sub, &c);
@@ -157,7 +165,7 @@ int main(int argc, char** argv) {
       "p50 p90 p99 p99.9");
   for (CLI::App* sub : {centroidsCmd, summary}) {
     sub->add_option("inputs", in.paths, kInputHelp);
-    addBuildOptions(*sub, in, seed);
+    addBuildOptions(*sub, in);
     addOutputOptions(*sub, out);
   }
   summary->footer("Examples:\n  zotdigest summary data.zd\n  seq 1 100 | zotdigest summary --json");
@@ -185,7 +193,7 @@ int main(int argc, char** argv) {
   plot->add_flag("--terminal", terminal, "A histogram on standard output (the default)")
       ->excludes("--output");
   plot->add_option("--kind", kind, "PNG picture: cdf, density or quantile")->capture_default_str();
-  addBuildOptions(*plot, in, seed);
+  addBuildOptions(*plot, in);
   plot->add_option("--digest", out.digest, "Only the digest with this 0-based index of the file");
   plot->footer(
       "Examples:\n  zotdigest plot data.zd\n  zotdigest plot data.zd -o data.png --kind density");
@@ -203,8 +211,6 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     return app.exit(e) == 0 ? kExitOk : kExitUsage;
   }
-  in.seed = seed.value;
-  in.seedGiven = seed.given();
 
   try {
     if (build->parsed()) {

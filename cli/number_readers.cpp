@@ -399,7 +399,10 @@ InputFormat parseInputFormat(std::string_view name) {
   if (name == "text") return InputFormat::Text;
   if (name == "npy") return InputFormat::Npy;
   if (name == "raw") return InputFormat::Raw;
-  throw InputError("unknown input format '" + std::string(name) + "' (use text, npy, raw or auto)");
+  if (name == "csv") return InputFormat::Csv;
+  if (name == "tsv") return InputFormat::Tsv;
+  throw InputError("unknown input format '" + std::string(name) +
+                   "' (use text, npy, raw, csv, tsv or auto)");
 }
 
 quorix::ClassID parseDtype(std::string_view name) {

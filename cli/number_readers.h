@@ -37,9 +37,10 @@ static_assert(std::endian::native == std::endian::little,
 
 namespace zotdigest::cli {
 
-enum class InputFormat { Auto, Text, Npy, Raw };
+// Csv and Tsv are tables, read by cli/table_build.h, not by these readers.
+enum class InputFormat { Auto, Text, Npy, Raw, Csv, Tsv };
 
-// "text", "npy", "raw" or "auto"; InputError otherwise.
+// "text", "npy", "raw", "csv", "tsv" or "auto"; InputError otherwise.
 InputFormat parseInputFormat(std::string_view name);
 // The element class of a dtype name: NumPy's names ("float64", "int8",
 // ...), their short codes ("f8", "<f8", "i1", ...) and the host's names

@@ -145,8 +145,12 @@ void ReproducibleBuild::append(const void* values, std::size_t count, ClassID id
 
 void ReproducibleBuild::toBuffer(const std::byte* values, std::size_t count, ClassID id) {
   const std::size_t width = quorix::elementSize(id);
-  if (buffer_.empty()) {
-    buffer_.resize(kBlockSize * sizeof(double));
+  // The buffer grows with what it holds, up to a block of doubles (the
+  // widest form a block takes), so that many builds side by side (one per
+  // group) cost memory in proportion to their values, not to their number.
+  const std::size_t needed = (buffered_ + count) * sizeof(double);
+  if (buffer_.size() < needed) {
+    buffer_.resize(std::min(std::max(needed, 2 * buffer_.size()), kBlockSize * sizeof(double)));
   }
   if (buffered_ == 0) {
     bufferClass_ = id;

@@ -18,7 +18,7 @@ def test_a_bad_number_names_its_line_and_writes_nothing(tmp_path, text, where):
 @pytest.mark.parametrize("args, message", [
     ([], ""),
     (["build"], ""),  # no -o
-    (["summary", "--format", "csv"], "unknown input format 'csv'"),
+    (["summary", "--format", "xls"], "unknown input format 'xls'"),
     (["summary", "--dtype", "float16"], "unknown dtype 'float16'"),
     (["summary", "--format", "raw"], "raw input needs --dtype"),
     (["summary", "missing.txt"], "cannot open 'missing.txt'"),

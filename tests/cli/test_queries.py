@@ -59,7 +59,7 @@ def test_multi_digest_files_answer_per_digest_and_digest_selects(tmp_path):
     np.save(tmp_path / "m.npy", np.arange(30.0).reshape(10, 3))
     ok("build", tmp_path / "m.npy", "--columns", "--label", "m", "-o", tmp_path / "m.zd")
     lines = [line.split() for line in ok("quantile", tmp_path / "m.zd", 1).out.splitlines()]
-    assert lines == [["p", "m.col0", "m.col1", "m.col2"], ["1", "27", "28", "29"]]
+    assert lines == [["label", "p=1"], ["m.col0", "27"], ["m.col1", "28"], ["m.col2", "29"]]
     one = ok("summary", tmp_path / "m.zd", "--digest", 2, "--json").json()["digests"]
     assert [(d["label"], d["min"]) for d in one] == [("m.col2", 2.0)]
     r = run("summary", tmp_path / "m.zd", "--digest", 3)
