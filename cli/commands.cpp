@@ -411,17 +411,6 @@ const HostArray* savedProperty(const StoredDigest& d, const char* name) {
   return nullptr;
 }
 
-// Whether a build record is of the weighted build (kind 2), where the
-// file format knows that kind.
-template <class Record>
-bool isWeighted(const Record& record) {
-  if constexpr (requires { record.weighted; }) {
-    return record.weighted;
-  } else {
-    return false;
-  }
-}
-
 // The stored numbers, read without the module (the decoder has checked
 // that every one is present and of its class).
 DigestStats storedStats(const StoredDigest& d) {
@@ -455,7 +444,7 @@ void printInfoText(const std::string& path, const DigestFile& file, int precisio
     const DigestStats s = storedStats(d);
     // How it was built, when the file says so: the reproducible build's
     // seed and block size; "-" for merges and files of format version 1.
-    const std::string built = d.build ? std::string(isWeighted(*d.build) ? "weighted, " : "") +
+    const std::string built = d.build ? std::string(d.build->weighted ? "weighted, " : "") +
                                             "seed " + std::to_string(d.build->seed) +
                                             ", blocks of " + std::to_string(d.build->blockSize)
                                       : "-";
@@ -491,7 +480,7 @@ void printInfoJson(JsonWriter& json, const std::string& path, const DigestFile& 
     if (d.build) {
       json.key("build")
           .beginObject()
-          .field("kind", isWeighted(*d.build) ? "weighted block tree" : "block tree")
+          .field("kind", d.build->weighted ? "weighted block tree" : "block tree")
           .field("seed", std::uint64_t{d.build->seed})
           .field("block_size", d.build->blockSize)
           .endObject();

@@ -46,40 +46,19 @@ struct KeyHash {
   }
 };
 
-// The weighted build (engine/block_tree.h) and the record a digest file
-// keeps of it (build-record kind 2). Where the engine lacks either, --weight
-// is refused once its cells have been read and checked.
-template <class Options = engine::BuildOptions>
-Options buildOptions(const BuildSettings& settings, bool weighted) {
-  // threads 0: the builds run inside the table build's own arena.
-  Options options{settings.delta, settings.seed, 0};
-  if constexpr (requires { options.weighted; }) {
-    options.weighted = weighted;
-  }
+// Build options for one digest of a table; threads 0: the builds run
+// inside the table build's own arena.
+engine::BuildOptions buildOptions(const BuildSettings& settings, bool weighted) {
+  engine::BuildOptions options{settings.delta, settings.seed, 0};
+  options.weighted = weighted;
   return options;
 }
 
-template <class Record = engine::BuildRecord>
-Record buildRecord(const BuildSettings& settings, bool weighted) {
-  Record record{settings.seed, engine::kBlockSize};
-  if constexpr (requires { record.weighted; }) {
-    record.weighted = weighted;
-  }
+// How a digest of a table was built: kind 2 in the file for --weight.
+engine::BuildRecord buildRecord(const BuildSettings& settings, bool weighted) {
+  engine::BuildRecord record{settings.seed, engine::kBlockSize};
+  record.weighted = weighted;
   return record;
-}
-
-template <class Build, class Record = engine::BuildRecord>
-void appendWeighted(Build& build, const double* values, const std::uint64_t* weights,
-                    std::size_t count) {
-  constexpr bool kWeighted = requires {
-    build.appendWeighted(values, quorix::ClassID::Double, weights, count);
-  }
-  &&requires(Record r) { r.weighted; };
-  if constexpr (kWeighted) {
-    build.appendWeighted(values, quorix::ClassID::Double, weights, count);
-  } else {
-    throw InputError("--weight needs the weighted build, which this version of zotdigest lacks");
-  }
 }
 
 class TableBuilder {
@@ -374,7 +353,7 @@ class TableBuilder {
   void append(engine::ReproducibleBuild& build, const double* values, const std::uint64_t* weights,
               std::size_t count) const {
     if (weighted_) {
-      appendWeighted(build, values, weights, count);
+      build.appendWeighted(values, quorix::ClassID::Double, weights, count);
     } else {
       build.append(values, count, quorix::ClassID::Double);
     }

@@ -15,7 +15,6 @@ from zotdigest import _core, _groups
 B = zotdigest.BLOCK_SIZE
 rng = np.random.default_rng(19)
 N = 5000
-ENGINE = hasattr(_core, "_grouped_digests")
 
 
 def _with(array, missing, every=7):
@@ -158,12 +157,11 @@ def test_data_frames_and_bad_input():
                           "n": [1, 0, 2, 1]})
     groups = zotdigest.digest_by(frame, by="endpoint", on="latency")
     assert groups.keys().name == "endpoint" and groups.count.tolist() == [2, 2]
-    if ENGINE:
-        weighted = zotdigest.digest_by(frame, by="endpoint", on="latency", weights="n")
-        assert weighted.count.tolist() == [3, 1]
-        a = (frame.endpoint == "a").to_numpy()
-        assert state(weighted["a"]) == state(zotdigest.digest(frame.latency[a].to_numpy(),
-                                                              weights=frame.n[a].to_numpy()))
+    weighted = zotdigest.digest_by(frame, by="endpoint", on="latency", weights="n")
+    assert weighted.count.tolist() == [3, 1]
+    a = (frame.endpoint == "a").to_numpy()
+    assert state(weighted["a"]) == state(zotdigest.digest(frame.latency[a].to_numpy(),
+                                                          weights=frame.n[a].to_numpy()))
     bad = [
         (lambda: zotdigest.digest_by(np.arange(3.0), [1, 2]), ValueError, "2 keys for 3 values"),
         (lambda: zotdigest.digest_by(["x"], [1]), TypeError, "numbers"),
@@ -174,11 +172,11 @@ def test_data_frames_and_bad_input():
     ]
     for weights, error, message in [([1, -1, 0, 0], ValueError, "negative"),
                                     ([1.5, 1, 1, 1], ValueError, "whole"),
-                                    ([np.nan, 1, 1, 1], ValueError, "NaN"),
-                                    ([np.inf, 1, 1, 1], ValueError, "infinity"),
-                                    ([1, 1], ValueError, "2 weights for 4"),
+                                    ([np.nan, 1, 1, 1], ValueError, "not a finite number"),
+                                    ([np.inf, 1, 1, 1], ValueError, "not a finite number"),
+                                    ([1, 1], ValueError, "one weight per value"),
                                     (np.array([2**63, 2**63, 0, 0], np.uint64), ValueError,
-                                     "overflow"),
+                                     "sum to more than"),
                                     (["1", "1", "1", "1"], TypeError, "whole numbers")]:
         bad.append((lambda w=weights: zotdigest.digest_by(frame, by="endpoint", on="latency",
                                                           weights=np.asarray(w)), error, message))

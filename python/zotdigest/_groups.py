@@ -14,6 +14,7 @@ import numpy as _np
 
 from . import _core
 from ._core import ReproducibleBuild, TDigest
+from ._weights import checked_weights
 
 
 def _pandas():
@@ -372,48 +373,6 @@ def _values_array(values):
     return values
 
 
-def _weights_array(weights, count):
-    """Weights as uint64, refused before any work when they are not
-    non-negative whole numbers of the values' length with a sum in uint64."""
-    if hasattr(weights, "to_numpy") and not isinstance(weights, _np.ndarray):
-        weights = weights.to_numpy()
-    weights = _np.asarray(weights)
-    if weights.ndim != 1 or weights.shape[0] != count:
-        given = weights.shape[0] if weights.ndim == 1 else "a non 1-D array of"
-        raise ValueError(f"zotdigest.digest_by: {given} weights for {count} values")
-    if weights.dtype.kind == "b" or weights.dtype.kind not in "iuf":
-        raise TypeError(f"zotdigest.digest_by: weights must be whole numbers, got dtype "
-                        f"{weights.dtype}")
-    if weights.dtype.kind == "f":
-        if not _np.isfinite(weights).all():
-            raise ValueError("zotdigest.digest_by: the weights hold NaN or an infinity")
-        if (weights != _np.floor(weights)).any():
-            raise ValueError("zotdigest.digest_by: the weights must be whole numbers")
-        if (weights >= 2.0**64).any():
-            raise ValueError("zotdigest.digest_by: a weight does not fit in 64 bits")
-    if weights.dtype.kind != "u" and (weights < 0).any():
-        raise ValueError("zotdigest.digest_by: the weights must not be negative")
-    weights = weights.astype(_np.uint64)
-    high = int(_np.sum(weights >> _np.uint64(32), dtype=_np.uint64))
-    low = int(_np.sum(weights & _np.uint64(0xFFFFFFFF), dtype=_np.uint64))
-    if (high << 32) + low >= 2**64:
-        raise ValueError("zotdigest.digest_by: the weights sum to more than 2**64 - 1 (overflow)")
-    return weights
-
-
-def _grouped_digests_by_loop(values, codes, groups, weights, delta, seed, threads):
-    # Stands in for the engine's grouped build until this package has it;
-    # the answers are the same by definition.
-    from . import digest
-
-    if weights is not None:
-        raise NotImplementedError("zotdigest.digest_by: weights need the engine's grouped build")
-    order = _np.argsort(codes, kind="stable")
-    bounds = _np.searchsorted(codes[order], _np.arange(groups + 1))
-    ordered = values[order]
-    return [digest(ordered[bounds[g]:bounds[g + 1]], delta, seed, threads) for g in range(groups)]
-
-
 def digest_by(values, by, *, on=None, weights=None, delta=100.0, seed=0, threads=None):
     """digest_by(values, by, *, weights=None, delta=100.0, seed=0, threads=None)
     digest_by(df, by="key column", on="value column", weights=None, ...)
@@ -456,15 +415,11 @@ def digest_by(values, by, *, on=None, weights=None, delta=100.0, seed=0, threads
     if keys_count != len(values):
         raise ValueError(f"zotdigest.digest_by: {keys_count} keys for {len(values)} values")
     if weights is not None:
-        weights = _weights_array(weights, len(values))
+        weights = checked_weights(weights, values.shape, "zotdigest.digest_by")
     codes, keys = factorize_keys(by)
-    build = getattr(_core, "_grouped_digests", None)
-    if build is None:
-        digests = _grouped_digests_by_loop(values, codes, len(keys), weights, float(delta), seed,
-                                           threads)
-    else:
-        digests = build(_np.ascontiguousarray(values), codes, len(keys), weights=weights,
-                        delta=float(delta), seed=seed, threads=threads)
+    digests = _core._grouped_digests(_np.ascontiguousarray(values), codes, len(keys),
+                                     weights=weights, delta=float(delta), seed=seed,
+                                     threads=threads)
     return GroupedDigests(keys, digests)
 
 
