@@ -66,6 +66,7 @@ from ._groups import _NUMERIC, _values_array as _group_values_array
 from ._groups import factorize_keys as _factorize_keys
 from . import RandomStream, ReproducibleBuild as _ReproducibleBuild, TDigest
 from . import column_digests as _column_build
+from . import _core
 from ._core import merge_tree_nodes as _merge_tree_nodes
 from . import merge_columns as _merge_columns
 from . import merge as _merge_digests
@@ -391,34 +392,60 @@ def _key_pieces(values, offset, total, delta, seed):
     return pieces
 
 
+def _first_leaves(parts, delta, seed):
+    """The leaves of block 0 of several keys, from each key's values (one
+    block at most): that is each key's digest when it has one block, so the
+    extension's grouped build makes them all in one call when it has one
+    (one call instead of a build per key)."""
+    grouped_build = getattr(_core, "_grouped_digests", None)
+    if grouped_build is None or len(parts) < 2:
+        return [_subtree(part, delta, seed, 0) for part in parts]
+    codes = _np.repeat(_np.arange(len(parts), dtype=_np.int64), [len(part) for part in parts])
+    return grouped_build(_np.concatenate(parts), codes, len(parts), delta=delta, seed=seed)
+
+
 def _partition_pieces(values, by, plan, delta, seed):
     """Pass 2: {batch: [(key code, pieces), ...]} for the partition's keys,
     `plan` holding per local key its global code, offset, total and batch."""
     values = _partition_values(values)
     codes, _ = _partition_keys(by, values)
     global_codes, offsets, totals, batches = plan
-    order = _np.argsort(codes, kind="stable")
+    # NumPy's stable sort of 16-bit integers is a radix sort.
+    order = _np.argsort(codes.astype(_np.int16) if len(global_codes) < 2**15 else codes,
+                        kind="stable")
     grouped = values[order]
     bounds = _np.searchsorted(codes[order], _np.arange(len(global_codes) + 1))
+    counts = _np.diff(bounds)
+    present = _np.flatnonzero(counts)
+    one_block = totals[present] <= _BLOCK_SIZE
+    # Keys of one block lying wholly here: their digests, built at once.
+    whole = present[one_block & (offsets[present] == 0) & (counts[present] == totals[present])]
+    pieces = dict(zip(whole.tolist(), (
+        [("node", 0, 0, d)]
+        for d in _first_leaves([grouped[bounds[i]:bounds[i + 1]] for i in whole], delta, seed))))
+    for i in present[one_block].tolist():
+        if i not in pieces:
+            pieces[i] = [("cut", 0, grouped[bounds[i]:bounds[i + 1]].copy())]
+    for i in present[~one_block].tolist():
+        pieces[i] = _key_pieces(grouped[bounds[i]:bounds[i + 1]], int(offsets[i]), int(totals[i]),
+                                delta, seed)
     out = {}
-    for local in range(len(global_codes)):
-        start, stop = bounds[local], bounds[local + 1]
-        if start == stop:
-            continue
-        pieces = _key_pieces(grouped[start:stop], int(offsets[local]), int(totals[local]), delta,
-                             seed)
-        out.setdefault(int(batches[local]), []).append((int(global_codes[local]), pieces))
+    for i in present.tolist():
+        out.setdefault(int(batches[i]), []).append((int(global_codes[i]), pieces[i]))
     return out
 
 
-def _key_digest(pieces, total, delta, seed):
-    """The digest of one key from its pieces, in partition order."""
+def _key_digest(pieces, total, delta, seed, first_leaf):
+    """The digest of one key from its pieces, in partition order, and the
+    leaf of its block 0 when that was cut (else None)."""
     nodes, cuts = {}, {}
     for piece in pieces:
         if piece[0] == "node":
             nodes[(piece[1], piece[2])] = piece[3]
-        else:
+        elif piece[1]:
             cuts.setdefault(piece[1], []).append(piece[2])
+    if first_leaf is not None:
+        nodes[(0, 0)] = first_leaf
     for block, parts in cuts.items():
         nodes[(0, block)] = _subtree(_np.concatenate(parts), delta, seed, block)
     blocks = -(-total // _BLOCK_SIZE)
@@ -443,7 +470,15 @@ def _batch_digests(payloads, first, totals, delta, seed):
     for payload in payloads:
         for code, parts in payload:
             pieces[code - first].extend(parts)
-    return [_key_digest(p, int(n), delta, seed) for p, n in zip(pieces, totals)]
+    # Cut first blocks (every key of one block not held by one partition).
+    cut_first = {}
+    for i, parts in enumerate(pieces):
+        head = [p[2] for p in parts if p[0] == "cut" and p[1] == 0]
+        if head:
+            cut_first[i] = _np.concatenate(head) if len(head) > 1 else head[0]
+    first_leaves = dict(zip(cut_first, _first_leaves(list(cut_first.values()), delta, seed)))
+    return [_key_digest(p, int(n), delta, seed, first_leaves.get(i))
+            for i, (p, n) in enumerate(zip(pieces, totals))]
 
 
 def _dataframe_module():
