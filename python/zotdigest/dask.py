@@ -392,65 +392,98 @@ def _key_pieces(values, offset, total, delta, seed):
     return pieces
 
 
-def _first_leaves(parts, delta, seed):
-    """The leaves of block 0 of several keys, from each key's values (one
-    block at most): that is each key's digest when it has one block, so the
-    extension's grouped build makes them all in one call when it has one
-    (one call instead of a build per key)."""
+def _one_block_digests(values, codes, groups, delta, seed):
+    """For keys 0 .. groups - 1 of at most one block, whose values are
+    values[codes == g] in order: each key's digest, which is the leaf of its
+    block 0. The extension's grouped build makes them all in one call when
+    it has one; otherwise one build per key."""
     grouped_build = getattr(_core, "_grouped_digests", None)
-    if grouped_build is None or len(parts) < 2:
-        return [_subtree(part, delta, seed, 0) for part in parts]
-    codes = _np.repeat(_np.arange(len(parts), dtype=_np.int64), [len(part) for part in parts])
-    return grouped_build(_np.concatenate(parts), codes, len(parts), delta=delta, seed=seed)
+    if grouped_build is not None:
+        return grouped_build(values, codes, groups, delta=delta, seed=seed)
+    order = _np.argsort(codes, kind="stable")
+    bounds = _np.searchsorted(codes[order], _np.arange(groups + 1))
+    return [_subtree(values[order[bounds[g]:bounds[g + 1]]], delta, seed, 0) for g in range(groups)]
 
 
 def _partition_pieces(values, by, plan, delta, seed):
-    """Pass 2: {batch: [(key code, pieces), ...]} for the partition's keys,
-    `plan` holding per local key its global code, offset, total and batch."""
+    """Pass 2: per batch of keys, the partition's part of them:
+    "whole": (codes, digests) of the keys of one block lying wholly here;
+    "cut": (codes, values), each value with its key's code, of block 0 of
+    every other key (in order within a key); "big": [(code, pieces)] for
+    the keys of more blocks, their block 0 left out when cut. `plan` holds
+    per local key its global code, offset, total and batch."""
     values = _partition_values(values)
     codes, _ = _partition_keys(by, values)
     global_codes, offsets, totals, batches = plan
     # NumPy's stable sort of 16-bit integers is a radix sort.
     order = _np.argsort(codes.astype(_np.int16) if len(global_codes) < 2**15 else codes,
                         kind="stable")
+    sorted_codes = codes[order]
     grouped = values[order]
-    bounds = _np.searchsorted(codes[order], _np.arange(len(global_codes) + 1))
+    bounds = _np.searchsorted(sorted_codes, _np.arange(len(global_codes) + 1))
     counts = _np.diff(bounds)
-    present = _np.flatnonzero(counts)
-    one_block = totals[present] <= _BLOCK_SIZE
-    # Keys of one block lying wholly here: their digests, built at once.
-    whole = present[one_block & (offsets[present] == 0) & (counts[present] == totals[present])]
-    pieces = dict(zip(whole.tolist(), (
-        [("node", 0, 0, d)]
-        for d in _first_leaves([grouped[bounds[i]:bounds[i + 1]] for i in whole], delta, seed))))
-    for i in present[one_block].tolist():
-        if i not in pieces:
-            pieces[i] = [("cut", 0, grouped[bounds[i]:bounds[i + 1]].copy())]
-    for i in present[~one_block].tolist():
-        pieces[i] = _key_pieces(grouped[bounds[i]:bounds[i + 1]], int(offsets[i]), int(totals[i]),
-                                delta, seed)
+    one_block = (totals <= _BLOCK_SIZE) & (counts > 0)
+    whole = one_block & (offsets == 0) & (counts == totals)
     out = {}
-    for i in present.tolist():
-        out.setdefault(int(batches[i]), []).append((int(global_codes[i]), pieces[i]))
+
+    def part(batch):
+        return out.setdefault(int(batch), {"whole": ([], []), "cut": ([], []), "big": []})
+
+    # Keys of one block lying wholly here: their digests, built at once.
+    here = _np.flatnonzero(whole)
+    if len(here):
+        inside = whole[_np.maximum(sorted_codes, 0)] & (sorted_codes >= 0)
+        local = _np.cumsum(whole) - 1
+        digests = _one_block_digests(grouped[inside], local[sorted_codes[inside]], len(here), delta,
+                                     seed)
+        for i, digest in zip(here.tolist(), digests):
+            target = part(batches[i])["whole"]
+            target[0].append(int(global_codes[i]))
+            target[1].append(digest)
+    # Other keys of one block: their values travel.
+    cut = one_block & ~whole
+    if cut.any():
+        taken = cut[_np.maximum(sorted_codes, 0)] & (sorted_codes >= 0)
+        key_of = sorted_codes[taken]
+        cut_values, cut_codes, cut_batches = grouped[taken], global_codes[key_of], batches[key_of]
+        edges = _np.flatnonzero(_np.diff(cut_batches)) + 1
+        for lo, hi in zip(_np.r_[0, edges], _np.r_[edges, len(cut_batches)]):
+            target = part(cut_batches[lo])["cut"]
+            target[0].append(cut_codes[lo:hi])
+            target[1].append(cut_values[lo:hi])
+    for i in _np.flatnonzero((counts > 0) & ~one_block).tolist():
+        target = part(batches[i])
+        code = int(global_codes[i])
+        pieces = []
+        for piece in _key_pieces(grouped[bounds[i]:bounds[i + 1]], int(offsets[i]), int(totals[i]),
+                                 delta, seed):
+            if piece[0] == "cut" and piece[1] == 0:
+                target["cut"][0].append(_np.full(len(piece[2]), code, dtype=_np.int64))
+                target["cut"][1].append(piece[2])
+            else:
+                pieces.append(piece)
+        target["big"].append((code, pieces))
+    for payload in out.values():
+        codes_list, values_list = payload["cut"]
+        payload["cut"] = (_np.concatenate(codes_list), _np.concatenate(values_list)) \
+            if codes_list else None
     return out
 
 
 def _key_digest(pieces, total, delta, seed, first_leaf):
-    """The digest of one key from its pieces, in partition order, and the
-    leaf of its block 0 when that was cut (else None)."""
+    """The digest of a key of more than one block from its pieces, in
+    partition order, and the leaf of its block 0 when that was cut."""
     nodes, cuts = {}, {}
     for piece in pieces:
         if piece[0] == "node":
             nodes[(piece[1], piece[2])] = piece[3]
-        elif piece[1]:
+        else:
             cuts.setdefault(piece[1], []).append(piece[2])
     if first_leaf is not None:
         nodes[(0, 0)] = first_leaf
     for block, parts in cuts.items():
         nodes[(0, block)] = _subtree(_np.concatenate(parts), delta, seed, block)
     blocks = -(-total // _BLOCK_SIZE)
-    if blocks == 0:
-        return _ReproducibleBuild(delta, seed).finish()
 
     def node(level, index):
         made = nodes.get((level, index))
@@ -466,19 +499,33 @@ def _key_digest(pieces, total, delta, seed, first_leaf):
 
 def _batch_digests(payloads, first, totals, delta, seed):
     """The digests of keys first .. first + len(totals) - 1."""
-    pieces = [[] for _ in totals]
-    for payload in payloads:
-        for code, parts in payload:
-            pieces[code - first].extend(parts)
-    # Cut first blocks (every key of one block not held by one partition).
-    cut_first = {}
-    for i, parts in enumerate(pieces):
-        head = [p[2] for p in parts if p[0] == "cut" and p[1] == 0]
-        if head:
-            cut_first[i] = _np.concatenate(head) if len(head) > 1 else head[0]
-    first_leaves = dict(zip(cut_first, _first_leaves(list(cut_first.values()), delta, seed)))
-    return [_key_digest(p, int(n), delta, seed, first_leaves.get(i))
-            for i, (p, n) in enumerate(zip(pieces, totals))]
+    digests = [None] * len(totals)
+    big = {}
+    cut_codes, cut_values = [], []
+    for payload in payloads:  # in partition order
+        for code, digest in zip(*payload["whole"]):
+            digests[code - first] = digest
+        if payload["cut"] is not None:
+            cut_codes.append(payload["cut"][0])
+            cut_values.append(payload["cut"][1])
+        for code, pieces in payload["big"]:
+            big.setdefault(code - first, []).extend(pieces)
+    # Block 0 of every key whose block 0 was cut, in one go: the partitions'
+    # values in partition order keep each key's values in order.
+    first_leaves = {}
+    if cut_codes:
+        keys, local = _np.unique(_np.concatenate(cut_codes) - first, return_inverse=True)
+        leaves = _one_block_digests(_np.concatenate(cut_values), local.astype(_np.int64), len(keys),
+                                    delta, seed)
+        first_leaves = dict(zip(keys.tolist(), leaves))
+    for i, n in enumerate(totals):
+        if i in big:
+            digests[i] = _key_digest(big[i], int(n), delta, seed, first_leaves.get(i))
+        elif digests[i] is None:
+            digests[i] = first_leaves.get(i)
+        if digests[i] is None:  # a key without values (an unused category)
+            digests[i] = _ReproducibleBuild(delta, seed).finish()
+    return digests
 
 
 def _dataframe_module():
