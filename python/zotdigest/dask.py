@@ -48,6 +48,9 @@ sits in. Two passes over the data:
    that the batches hold similar numbers of travelling values): each cut
    block's fragments are joined in partition order into its leaf, and the
    leaves and subtrees are merged in the fixed tree of the key.
+   Keys of one block (most keys, when there are many) go as arrays, not
+   one by one: their leaves are built in one grouped call per partition
+   (keys lying wholly there) and per batch (the rest).
 
 The input is read twice (persist it first if reading it is costly), and
 batches, not keys, make the tasks of the last step.
