@@ -104,3 +104,87 @@ def test_seeded_digest_equals_the_in_memory_build_whatever_the_chunks(client):
     assert _state(got) == _state(zotdigest.digest(m, seed=2))
     with pytest.raises(ValueError, match="not both"):
         zd.digest(da.from_array(values), seed=1, stream=zotdigest.RandomStream())
+
+
+# --- per group -------------------------------------------------------------------
+
+B = zotdigest.BLOCK_SIZE
+# Two keys of several blocks (3 and 2, the last ones short) among rare keys
+# and missing ones, interleaved, so that partitions cut blocks and groups.
+_rng = np.random.default_rng(19)
+GROUP_KEYS = _rng.choice([3.0, 1.0, np.nan, 7.0, -2.0, 0.5], p=[0.6, 0.3, 0.04, 0.03, 0.02, 0.01],
+                         size=4 * B + 333)
+GROUP_VALUES = _rng.lognormal(size=GROUP_KEYS.size).astype(np.float32)
+
+
+def assert_same_groups(got, expected):
+    assert isinstance(got, zotdigest.GroupedDigests)
+    keys, want = got.keys(), expected.keys()
+    assert keys.equals(want) and keys.dtype == want.dtype and keys.name == want.name, (keys, want)
+    assert [_state(d) for d in got.values()] == [_state(d) for d in expected.values()]
+
+
+@pytest.fixture(scope="module")
+def grouped_expected():
+    # By definition: the in-memory build of each key's values, in order.
+    present = ~np.isnan(GROUP_KEYS)
+    keys = np.unique(GROUP_KEYS[present])
+    digests = [zotdigest.digest(GROUP_VALUES[GROUP_KEYS == k], seed=5) for k in keys]
+    assert max(d.NumDataPoints for d in digests) > 2 * B
+    return zotdigest.GroupedDigests(pd.Index(keys), digests)
+
+
+@pytest.mark.parametrize("layout", ["one chunk", "small chunks", "uneven chunks", "frame", "unaligned"])
+def test_grouped_digests_equal_the_in_memory_build_whatever_the_partitions(client, grouped_expected,
+                                                                          layout):
+    n = GROUP_KEYS.size
+    if layout == "frame":
+        frame = pd.DataFrame({"k": GROUP_KEYS, "x": GROUP_VALUES})
+        got = zd.digest_by(dd.from_pandas(frame, npartitions=5), by="k", on="x", seed=5)
+        expected = zotdigest.GroupedDigests(grouped_expected.keys().rename("k"), grouped_expected.values())
+        return assert_same_groups(got, expected)
+    if layout == "unaligned":  # Series of other partitions than the values', arrays of other chunks
+        values = dd.from_pandas(pd.Series(GROUP_VALUES), npartitions=3)
+        by = da.from_array(GROUP_KEYS, chunks=B + 17)
+    else:
+        chunks = {"one chunk": n, "small chunks": 100_000,
+                  "uneven chunks": tuple(np.diff([0, 5, B - 3, B, 3 * B + 1, n]))}[layout]
+        values, by = da.from_array(GROUP_VALUES, chunks=chunks), da.from_array(GROUP_KEYS, chunks=chunks)
+    assert_same_groups(zd.digest_by(values, by, seed=5), grouped_expected)
+
+
+def test_keys_of_every_kind_missing_keys_and_empty_partitions(client):
+    rng = np.random.default_rng(3)
+    x = rng.normal(size=400)
+    frame = pd.DataFrame({
+        "x": x,
+        "s": rng.choice(["b", "a", None, "c"], size=400),
+        "t": pd.to_datetime(rng.choice(["2026-01-02", "2025-12-31", None], size=400)),
+        "c": pd.Categorical(rng.choice(["lo", "hi"], size=400), categories=["lo", "mid", "hi"]),
+        "i": rng.integers(0, 400, size=400),  # nearly every value its own group
+    })
+    ddf = dd.from_pandas(frame, npartitions=4)
+    ddf = ddf[(ddf.x < -0.5) | (ddf.x > 0.5)]  # partitions of unknown length
+    ddf = dd.concat([ddf, ddf[ddf.x > 99]])  # and empty ones
+    computed = ddf.compute()
+    for column in "stci":
+        got = zd.digest_by(ddf, by=column, on="x", seed=1, delta=50)
+        assert_same_groups(got, zotdigest.digest_by(computed, by=column, on="x", seed=1, delta=50))
+    nothing = zd.digest_by(ddf[ddf.x > 99], by="i", on="x")
+    assert len(nothing) == 0
+    none_present = zd.digest_by(da.from_array(x, chunks=50), da.full(400, np.nan, chunks=30))
+    assert len(none_present) == 0
+
+
+def test_grouped_digest_refuses_bad_input_before_work():
+    x = da.from_array(np.arange(10.0), chunks=4)
+    for call, error in [
+        (lambda: zd.digest_by(x, x, weights=x), NotImplementedError),
+        (lambda: zd.digest_by(x, x[:9]), ValueError),
+        (lambda: zd.digest_by(x, np.arange(10)), TypeError),
+        (lambda: zd.digest_by(x.astype(complex), x), TypeError),
+        (lambda: zd.digest_by(dd.from_dask_array(x, columns="v").to_frame(), by="k", on="v"), KeyError),
+        (lambda: zd.digest_by(x, x, seed=-1), ValueError),
+    ]:
+        with pytest.raises(error):
+            call()

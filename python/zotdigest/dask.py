@@ -28,6 +28,32 @@ zotdigest.digest.
 
 Nothing in the graph holds a pointer: tasks carry NumPy blocks, numbers and
 pickled digests only.
+
+Per group. ``digest_by(ddf, by="endpoint", on="latency", seed=s)`` gives
+the GroupedDigests of zotdigest.digest_by on the computed data, bit for bit:
+the digest of key g is the reproducible digest of g's values in input order,
+so it is a fixed tree over g's own blocks, whatever partition each value
+sits in. Two passes over the data:
+
+1. Per partition, the distinct keys and their counts. The client orders
+   all keys (as factorize_keys orders the whole column) and derives, for
+   each key, its total n and its offset o in every partition: the
+   partition holds positions [o, o + c) of the key's sequence.
+2. Per partition, the values of each key, in order. The blocks of the key
+   lying wholly inside [o, o + c) are built there, as the largest aligned
+   subtrees (2**L blocks from a block index divisible by 2**L, built with
+   first_block); a block cut by the partition's edges travels as its raw
+   values, at most one such fragment at each end.
+3. Per batch of consecutive keys (about one batch per partition, cut so
+   that the batches hold similar numbers of travelling values): each cut
+   block's fragments are joined in partition order into its leaf, and the
+   leaves and subtrees are merged in the fixed tree of the key.
+   Keys of one block (most keys, when there are many) go as arrays, not
+   one by one: their leaves are built in one grouped call per partition
+   (keys lying wholly there) and per batch (the rest).
+
+The input is read twice (persist it first if reading it is costly), and
+batches, not keys, make the tasks of the last step.
 """
 
 import numbers as _numbers
@@ -38,13 +64,17 @@ import dask as _dask
 import dask.array as _da
 
 from . import BLOCK_SIZE as _BLOCK_SIZE
+from ._groups import GroupedDigests as _GroupedDigests
+from ._groups import _NUMERIC, _values_array as _group_values_array
+from ._groups import factorize_keys as _factorize_keys
 from . import RandomStream, ReproducibleBuild as _ReproducibleBuild, TDigest
 from . import column_digests as _column_build
+from . import _core
 from ._core import merge_tree_nodes as _merge_tree_nodes
 from . import merge_columns as _merge_columns
 from . import merge as _merge_digests
 
-__all__ = ["digest", "column_digests", "quantile", "cdf"]
+__all__ = ["digest", "digest_by", "column_digests", "quantile", "cdf"]
 
 _SEED_SPACE = 2**32
 
@@ -299,3 +329,350 @@ def _as_query(values):
     if isinstance(values, _numbers.Real) and not isinstance(values, bool):
         return float(values)
     return _np.asarray(values, dtype=float)
+
+
+# --- per group -------------------------------------------------------------------
+
+
+def _partition_values(values):
+    """A partition's values as a 1-D NumPy array, as zotdigest.digest_by reads
+    them. A nullable integer column becomes float64 (NA as NaN) in every
+    partition, not only in those holding an NA, so that the blocks a key's
+    values share across partitions are of one class."""
+    dtype = getattr(values, "dtype", None)
+    if hasattr(values, "to_numpy") and not isinstance(dtype, _np.dtype) and dtype is not None \
+            and getattr(dtype, "kind", "O") not in "fc":
+        values = values.to_numpy(dtype=_np.float64, na_value=_np.nan)
+    return _group_values_array(values)
+
+
+def _partition_keys(by, values):
+    codes, keys = _factorize_keys(by)
+    if values is not None and len(values) != len(codes):
+        raise ValueError(f"zotdigest.dask.digest_by: a partition holds {len(codes)} keys for "
+                         f"{len(values)} values")
+    return codes, keys
+
+
+def _key_counts(by, values):
+    """Pass 1: the partition's distinct keys (ordered) and their counts."""
+    codes, keys = _partition_keys(by, values)
+    return keys, _np.bincount(codes[codes >= 0], minlength=len(keys)).astype(_np.int64)
+
+
+def _subtree(values, delta, seed, first_block):
+    build = _ReproducibleBuild(delta, seed, None, first_block)
+    build.append(values)
+    return build.finish()
+
+
+def _key_pieces(values, offset, total, delta, seed):
+    """The pieces of positions [offset, offset + len(values)) of a key's
+    sequence of `total` values: ("node", level, index, digest) for the
+    aligned subtrees of the blocks wholly inside, ("cut", block, values) for
+    the parts of blocks cut by the range's ends."""
+    B = _BLOCK_SIZE
+    end = offset + len(values)
+    pieces = []
+    k, pos = offset // B, offset
+    if offset % B:
+        stop = min(end, (k + 1) * B, total)
+        pieces.append(("cut", k, values[:stop - offset].copy()))
+        k, pos = k + 1, stop
+    whole = k
+    if pos < end:
+        whole = max(k, -(-total // B) if end == total else end // B)
+    while k < whole:
+        level = 0
+        while k % (2 << level) == 0 and k + (2 << level) <= whole:
+            level += 1
+        stop = min((k + (1 << level)) * B, total)
+        pieces.append(("node", level, k >> level,
+                       _subtree(values[k * B - offset:stop - offset], delta, seed, k)))
+        k += 1 << level
+    if k * B < end:
+        pieces.append(("cut", k, values[k * B - offset:].copy()))
+    return pieces
+
+
+def _one_block_digests(values, codes, groups, delta, seed):
+    """For keys 0 .. groups - 1 of at most one block, whose values are
+    values[codes == g] in order: each key's digest, which is the leaf of its
+    block 0. The extension's grouped build makes them all in one call when
+    it has one; otherwise one build per key."""
+    grouped_build = getattr(_core, "_grouped_digests", None)
+    if grouped_build is not None:
+        return grouped_build(values, codes, groups, delta=delta, seed=seed)
+    order = _np.argsort(codes, kind="stable")
+    bounds = _np.searchsorted(codes[order], _np.arange(groups + 1))
+    return [_subtree(values[order[bounds[g]:bounds[g + 1]]], delta, seed, 0) for g in range(groups)]
+
+
+def _partition_pieces(values, by, plan, delta, seed):
+    """Pass 2: per batch of keys, the partition's part of them:
+    "whole": (codes, digests) of the keys of one block lying wholly here;
+    "cut": (codes, values), each value with its key's code, of block 0 of
+    every other key (in order within a key); "big": [(code, pieces)] for
+    the keys of more blocks, their block 0 left out when cut. `plan` holds
+    per local key its global code, offset, total and batch."""
+    values = _partition_values(values)
+    codes, _ = _partition_keys(by, values)
+    global_codes, offsets, totals, batches = plan
+    # NumPy's stable sort of 16-bit integers is a radix sort.
+    order = _np.argsort(codes.astype(_np.int16) if len(global_codes) < 2**15 else codes,
+                        kind="stable")
+    sorted_codes = codes[order]
+    grouped = values[order]
+    bounds = _np.searchsorted(sorted_codes, _np.arange(len(global_codes) + 1))
+    counts = _np.diff(bounds)
+    one_block = (totals <= _BLOCK_SIZE) & (counts > 0)
+    whole = one_block & (offsets == 0) & (counts == totals)
+    out = {}
+
+    def part(batch):
+        return out.setdefault(int(batch), {"whole": ([], []), "cut": ([], []), "big": []})
+
+    # Keys of one block lying wholly here: their digests, built at once.
+    here = _np.flatnonzero(whole)
+    if len(here):
+        inside = whole[_np.maximum(sorted_codes, 0)] & (sorted_codes >= 0)
+        local = _np.cumsum(whole) - 1
+        digests = _one_block_digests(grouped[inside], local[sorted_codes[inside]], len(here), delta,
+                                     seed)
+        for i, digest in zip(here.tolist(), digests):
+            target = part(batches[i])["whole"]
+            target[0].append(int(global_codes[i]))
+            target[1].append(digest)
+    # Other keys of one block: their values travel.
+    cut = one_block & ~whole
+    if cut.any():
+        taken = cut[_np.maximum(sorted_codes, 0)] & (sorted_codes >= 0)
+        key_of = sorted_codes[taken]
+        cut_values, cut_codes, cut_batches = grouped[taken], global_codes[key_of], batches[key_of]
+        edges = _np.flatnonzero(_np.diff(cut_batches)) + 1
+        for lo, hi in zip(_np.r_[0, edges], _np.r_[edges, len(cut_batches)]):
+            target = part(cut_batches[lo])["cut"]
+            target[0].append(cut_codes[lo:hi])
+            target[1].append(cut_values[lo:hi])
+    for i in _np.flatnonzero((counts > 0) & ~one_block).tolist():
+        target = part(batches[i])
+        code = int(global_codes[i])
+        pieces = []
+        for piece in _key_pieces(grouped[bounds[i]:bounds[i + 1]], int(offsets[i]), int(totals[i]),
+                                 delta, seed):
+            if piece[0] == "cut" and piece[1] == 0:
+                target["cut"][0].append(_np.full(len(piece[2]), code, dtype=_np.int64))
+                target["cut"][1].append(piece[2])
+            else:
+                pieces.append(piece)
+        target["big"].append((code, pieces))
+    for payload in out.values():
+        codes_list, values_list = payload["cut"]
+        payload["cut"] = (_np.concatenate(codes_list), _np.concatenate(values_list)) \
+            if codes_list else None
+    return out
+
+
+def _key_digest(pieces, total, delta, seed, first_leaf):
+    """The digest of a key of more than one block from its pieces, in
+    partition order, and the leaf of its block 0 when that was cut."""
+    nodes, cuts = {}, {}
+    for piece in pieces:
+        if piece[0] == "node":
+            nodes[(piece[1], piece[2])] = piece[3]
+        else:
+            cuts.setdefault(piece[1], []).append(piece[2])
+    if first_leaf is not None:
+        nodes[(0, 0)] = first_leaf
+    for block, parts in cuts.items():
+        nodes[(0, block)] = _subtree(_np.concatenate(parts), delta, seed, block)
+    blocks = -(-total // _BLOCK_SIZE)
+
+    def node(level, index):
+        made = nodes.get((level, index))
+        if made is not None:
+            return made
+        left = node(level - 1, 2 * index)
+        if (2 * index + 1) << (level - 1) >= blocks:
+            return left  # an odd node out, carried up unchanged
+        return _merge_tree_nodes(left, node(level - 1, 2 * index + 1), level, index, seed)
+
+    return node((blocks - 1).bit_length(), 0)
+
+
+def _batch_digests(payloads, first, totals, delta, seed):
+    """The digests of keys first .. first + len(totals) - 1."""
+    digests = [None] * len(totals)
+    big = {}
+    cut_codes, cut_values = [], []
+    for payload in payloads:  # in partition order
+        for code, digest in zip(*payload["whole"]):
+            digests[code - first] = digest
+        if payload["cut"] is not None:
+            cut_codes.append(payload["cut"][0])
+            cut_values.append(payload["cut"][1])
+        for code, pieces in payload["big"]:
+            big.setdefault(code - first, []).extend(pieces)
+    # Block 0 of every key whose block 0 was cut, in one go: the partitions'
+    # values in partition order keep each key's values in order.
+    first_leaves = {}
+    if cut_codes:
+        keys, local = _np.unique(_np.concatenate(cut_codes) - first, return_inverse=True)
+        leaves = _one_block_digests(_np.concatenate(cut_values), local.astype(_np.int64), len(keys),
+                                    delta, seed)
+        first_leaves = dict(zip(keys.tolist(), leaves))
+    for i, n in enumerate(totals):
+        if i in big:
+            digests[i] = _key_digest(big[i], int(n), delta, seed, first_leaves.get(i))
+        elif digests[i] is None:
+            digests[i] = first_leaves.get(i)
+        if digests[i] is None:  # a key without values (an unused category)
+            digests[i] = _ReproducibleBuild(delta, seed).finish()
+    return digests
+
+
+def _dataframe_module():
+    try:
+        import dask.dataframe as dd
+    except ImportError:  # pragma: no cover - dataframes are optional
+        return None
+    return dd
+
+
+def _paired_partitions(values, by):
+    """[(values partition, keys partition)], and whether a task must check
+    that a pair has one length."""
+    dd = _dataframe_module()
+    series = () if dd is None else (dd.Series,)
+    for what, x in (("values", values), ("keys", by)):
+        if not isinstance(x, (_da.Array,) + series):
+            raise TypeError(f"zotdigest.dask.digest_by: the {what} must be a dask.array.Array or "
+                            f"a dask.dataframe.Series, not {type(x).__name__}")
+        if isinstance(x, _da.Array) and x.ndim != 1:
+            raise ValueError(f"zotdigest.dask.digest_by: the {what} must be 1-D, got {x.ndim} "
+                             f"dimensions")
+    if isinstance(values, series) and isinstance(by, series) \
+            and values.npartitions == by.npartitions:
+        return list(zip(values.to_delayed(), by.to_delayed())), True
+    values, by = (x.to_dask_array(lengths=True) if isinstance(x, series) else x
+                  for x in (values, by))
+    if any(_np.isnan(c) for c in values.chunks[0]):
+        values = values.compute_chunk_sizes()
+    if any(_np.isnan(c) for c in by.chunks[0]):
+        by = by.compute_chunk_sizes()
+    if values.shape[0] != by.shape[0]:
+        raise ValueError(f"zotdigest.dask.digest_by: {by.shape[0]} keys for {values.shape[0]} "
+                         f"values")
+    if by.chunks != values.chunks:
+        by = by.rechunk(values.chunks)
+    return list(zip(values.to_delayed().ravel(), by.to_delayed().ravel())), False
+
+
+def _joined(indexes):
+    """The keys of all partitions as one array (empty ones left out, so that
+    they cannot change the dtype)."""
+    full = [k for k in indexes if len(k)] or indexes[:1]
+    if hasattr(full[0], "append"):
+        return full[0].append(list(full[1:])) if len(full) > 1 else full[0]
+    return _np.concatenate(full)
+
+
+def _batches(work, count):
+    """Cuts keys 0 .. len(work) - 1 into at most `count` runs of similar
+    work; returns the first key of each run, then len(work)."""
+    total = float(work.sum())
+    bounds = [0]
+    if total > 0:
+        cuts = _np.searchsorted(_np.cumsum(work), total * _np.arange(1, count) / count, "right")
+        bounds += sorted(set(int(c) for c in cuts if 0 < c < len(work)))
+    return bounds + [len(work)]
+
+
+def _plan(stats, batch_count):
+    """Global keys, totals, and per partition (global codes, offsets,
+    totals, batches) of its own keys, from the partitions' key counts."""
+    codes, keys = _factorize_keys(_joined([k for k, _ in stats]))
+    groups = len(keys)
+    totals = _np.zeros(groups, dtype=_np.int64)
+    travelling = _np.zeros(groups, dtype=_np.int64)
+    local, at = [], 0
+    for k, counts in stats:
+        here = _np.asarray(codes[at:at + len(k)], dtype=_np.int64)
+        at += len(k)
+        local.append((here, totals[here].copy(), counts))
+        totals[here] += counts
+        travelling[here] += _np.minimum(counts, 2 * _BLOCK_SIZE)
+    # A key's last step costs its travelling values and a few merges.
+    work = _np.minimum(travelling, totals) + 1_000
+    bounds = _batches(work, min(groups, batch_count))
+    batch_of = _np.repeat(_np.arange(len(bounds) - 1), _np.diff(bounds))
+    plans = [(here, offsets, totals[here], batch_of[here], counts)
+             for here, offsets, counts in local]
+    return keys, totals, bounds, plans
+
+
+def digest_by(data, by, on=None, *, weights=None, delta=100.0, seed=0):
+    """digest_by(ddf, by="key column", on="value column", *, weights=None, delta=100.0, seed=0)
+    digest_by(values, by, *, ...)
+
+    One reproducible digest per key of a Dask DataFrame's column `by`, over
+    its column `on`; or of Dask arrays or Series `values` and `by` of one
+    length. Computes, and returns the zotdigest.GroupedDigests that
+    zotdigest.digest_by gives for the computed data, bit for bit, whatever
+    the partitions and the workers: keys ordered and missing keys (NaN,
+    None, NaT) dropped as pandas' groupby does, the digest of key g that of
+    g's values in input order. Pairs of Series with different partitions,
+    and arrays of different chunks, are aligned first (which computes
+    their lengths).
+
+    Weights are not built here yet: giving them raises NotImplementedError.
+    """
+    dd = _dataframe_module()
+    if dd is not None and isinstance(data, dd.DataFrame):
+        if on is None:
+            raise ValueError("zotdigest.dask.digest_by: name the column of values with on=")
+        for what, name in (("on", on), ("by", by)):
+            if isinstance(name, str) and name not in data.columns:
+                raise KeyError(f"zotdigest.dask.digest_by: no column {name!r} for {what}; the "
+                               f"columns are {list(data.columns)}")
+        data, by = data[on], (data[by] if isinstance(by, str) else by)
+    elif on is not None:
+        raise TypeError(f"zotdigest.dask.digest_by: on= names a column of a Dask DataFrame; the "
+                        f"values are a {type(data).__name__}")
+    if weights is not None:
+        raise NotImplementedError("zotdigest.dask.digest_by: weighted values are not supported yet")
+    delta = _check_delta(delta)
+    if isinstance(seed, bool) or not isinstance(seed, _numbers.Integral) or not 0 <= seed < _SEED_SPACE:
+        raise ValueError("seed must be a whole number in [0, 2**32)")
+    seed = int(seed)
+    dtype = getattr(data, "dtype", None)
+    if isinstance(dtype, _np.dtype) and dtype not in _NUMERIC:
+        raise TypeError(f"zotdigest.dask.digest_by: the values must be numbers (one of the ten "
+                        f"numeric dtypes), got dtype {dtype}")
+    parts, check = _paired_partitions(data, by)
+    name = "zotdigest-by-" + _dask.base.tokenize(data, by, delta, seed, _BLOCK_SIZE)
+
+    stats = _dask.compute(*[
+        _dask.delayed(_key_counts, pure=True)(b, v if check else None,
+                                              dask_key_name="%s-keys-%d" % (name, i))
+        for i, (v, b) in enumerate(parts)
+    ])
+    keys, totals, bounds, plans = _plan(list(stats), max(2, len(parts)))
+    senders = [[] for _ in range(len(bounds) - 1)]
+    for i, ((v, b), (here, offsets, key_totals, batch_of, counts)) in enumerate(zip(parts, plans)):
+        present = counts > 0
+        if not present.any():
+            continue
+        out = _dask.delayed(_partition_pieces, pure=True)(
+            v, b, (here, offsets, key_totals, batch_of), delta, seed,
+            dask_key_name="%s-pieces-%d" % (name, i))
+        for batch in _np.unique(batch_of[present]):
+            senders[batch].append(out[int(batch)])
+    batches = [
+        _dask.delayed(_batch_digests, pure=True)(
+            senders[j], bounds[j], totals[bounds[j]:bounds[j + 1]], delta, seed,
+            dask_key_name="%s-batch-%d" % (name, j))
+        for j in range(len(bounds) - 1)
+    ]
+    digests = [d for batch in _dask.compute(*batches) for d in batch]
+    return _GroupedDigests(keys, digests)

@@ -14,6 +14,16 @@ def digest(
     split_every: int | None = ...,
     seed: int | None = ...,
 ) -> Any: ...
+# A zotdigest.GroupedDigests (typed Any until the package's stub declares it).
+def digest_by(
+    data: Any,
+    by: Any,
+    on: Any = ...,
+    *,
+    weights: Any = ...,
+    delta: float = ...,
+    seed: int = ...,
+) -> Any: ...
 def column_digests(data: Any, delta: float = ..., stream: RandomStream | None = ...) -> Any: ...
 def quantile(data: Any, q: ArrayLike, delta: float = ...) -> NDArray[np.float64]: ...
 def cdf(data: Any, x: ArrayLike, delta: float = ...) -> NDArray[np.float64]: ...
