@@ -293,6 +293,11 @@ CentroidTree::CentroidTree(const CentroidTree& other)
   root_ = root;
   first_ = descendFirst(root_);
   last_ = descendLast(root_);
+  if (!adopted_) {
+    for (CentroidNode* node = first_; node != nullptr; node = node->following) {
+      node->following = next(node);
+    }
+  }
 }
 
 CentroidTree& CentroidTree::operator=(const CentroidTree& other) {
@@ -381,7 +386,7 @@ std::uint64_t CentroidTree::headSum(const CentroidNode* node) noexcept {
 }
 
 void CentroidTree::listCentroids(std::vector<Centroid>& out) const {
-  for (const CentroidNode* node = first(); node != nullptr; node = next(node)) {
+  for (const CentroidNode* node = first(); node != nullptr; node = successor(node)) {
     out.push_back(Centroid{node->mean, node->count});
   }
 }
@@ -492,15 +497,6 @@ const CentroidNode* CentroidTree::nextOfAfter(const Split& s) noexcept {
   return s.after->right != nullptr ? descendFirst(s.after->right) : s.afterUp;
 }
 
-CentroidNode* CentroidTree::next(const CentroidNode* node, const Location& at) noexcept {
-  if (node != at.after || !at.pathKnown || node->right != nullptr) return next(node);
-  // After's successor is the node where the descent last turned left
-  // before reaching it, if any.
-  const std::uint64_t earlier =
-      at.leftTurns & ((std::uint64_t{1} << static_cast<unsigned>(at.afterDepth)) - 1);
-  return earlier != 0 ? at.path[std::bit_width(earlier) - 1] : nullptr;
-}
-
 CentroidNode* CentroidTree::insertAt(const Location& at, double mean, std::uint64_t count) {
   if (!at.pathKnown) return insert(mean, count);
   // Only where the descent went left can a mean have equalled x.
@@ -517,6 +513,9 @@ CentroidNode* CentroidTree::insertAt(const Location& at, double mean, std::uint6
     (at.slotLeft ? parent->left : parent->right) = node;
     node->parent = parent;
   }
+  // The descent fell off between below and after in order.
+  node->following = at.after;
+  if (at.below != nullptr) at.below->following = node;
   noteEnds(node);
   settleInsert(node, &at);
   ++size_;
@@ -582,6 +581,12 @@ CentroidNode* CentroidTree::insert(double mean, std::uint64_t count) {
         break;
       }
       at = link;
+    }
+    if (!adopted_) {
+      // A leaf: its neighbours in order are found by climbing.
+      node->following = next(node);
+      CentroidNode* before = previous(node);
+      if (before != nullptr) before->following = node;
     }
   }
   noteEnds(node);
@@ -650,10 +655,10 @@ void CentroidTree::restoreOrder(CentroidNode* node, double m, double grownMean,
   CentroidNode* target = node;
   CentroidNode* beyond = nullptr;
   if (grownMean > m) {
-    beyond = next(node);
+    beyond = successor(node);
     while (beyond != nullptr && beyond->mean == m && target != runLast) {
       target = beyond;
-      beyond = next(beyond);
+      beyond = successor(beyond);
     }
   } else if (grownMean < m) {
     beyond = previous(node);
@@ -670,7 +675,7 @@ void CentroidTree::noteGrownMean(const CentroidNode* at, double m, double grownM
                                  const CentroidNode* towards, bool towardsKnown) noexcept {
   if (!meansOrdered_ || adopted_ || grownMean == m) return;
   if (grownMean > m) {
-    const CentroidNode* n = towardsKnown ? towards : next(at);
+    const CentroidNode* n = towardsKnown ? towards : at->following;
     meansOrdered_ = n == nullptr || grownMean <= n->mean;
   } else if (grownMean < m) {
     const CentroidNode* n = towardsKnown ? towards : previous(at);

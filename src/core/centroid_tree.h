@@ -40,6 +40,9 @@ struct CentroidNode {
   CentroidNode* parent = nullptr;
   CentroidNode* left = nullptr;   // smaller, or equal and inserted earlier
   CentroidNode* right = nullptr;  // larger or equal
+  // The next node in order, kept only by a tree of its own (see
+  // CentroidTree::successor); null in a structure handed to adopt().
+  CentroidNode* following = nullptr;
 };
 
 class CentroidTree {
@@ -59,6 +62,13 @@ class CentroidTree {
   CentroidNode* last() const noexcept;
   static CentroidNode* next(const CentroidNode* node) noexcept;
   static CentroidNode* previous(const CentroidNode* node) noexcept;
+  // next(node) (node not null) without a climb: a tree of its own links every node to the
+  // next in order as it inserts (rotations and exchanges of contents keep
+  // the order), so walks along a run cost one load per node. An adopted
+  // tree climbs.
+  CentroidNode* successor(const CentroidNode* node) const noexcept {
+    return adopted_ ? next(node) : node->following;
+  }
   // Last node in order whose mean is strictly below x (a NaN mean counts as
   // below).
   CentroidNode* floor(double x) const noexcept;
@@ -120,9 +130,6 @@ class CentroidTree {
   // since) fell off the tree, unless the two searches part: floor() goes
   // left at a mean equal to x, insert() right. The same result either way.
   CentroidNode* insertAt(const Location& at, double mean, std::uint64_t count);
-  // next(node), looked up on the recorded path rather than climbed to when
-  // node is at.after without a right subtree (the tree unchanged since).
-  static CentroidNode* next(const CentroidNode* node, const Location& at) noexcept;
   // updateCentroid for a node of the nearest run found by `at` (the tree
   // unchanged since): the same result, carried up along the recorded path
   // when the node is below or after.

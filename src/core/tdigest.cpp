@@ -240,14 +240,14 @@ void addToOrdered(CentroidTree& tree, const CentroidTree::Location& at, double x
     reservoir.offer(after, before);
     before += after->count;
     runLast = after;
-    CentroidNode* node = CentroidTree::next(after, at);
+    CentroidNode* node = after->following;
     if (node != nullptr && !(std::fabs(node->mean - x) > dAfter)) {
       reservoir.expectLongRun();
       do {
         reservoir.offer(node, before);
         before += node->count;
         runLast = node;
-        node = CentroidTree::next(node);
+        node = node->following;
       } while (node != nullptr && !(std::fabs(node->mean - x) > dAfter));
     }
   }
@@ -290,7 +290,7 @@ void addValue(TDigest& digest, double x, std::uint64_t w, Nesting& nesting) {
       }
       runLast = node;
       head += node->count;
-      node = node == at.below ? at.after : CentroidTree::next(node, at);
+      node = node == at.below ? at.after : tree.successor(node);
     }
     if (!tree.aggregatesExact()) before = CentroidTree::headSum(start);
 
@@ -299,7 +299,7 @@ void addValue(TDigest& digest, double x, std::uint64_t w, Nesting& nesting) {
     const std::uint64_t total = digest.totalWeight;
     const double delta = digest.delta;
     quorix::RandomStream& random = streamOf(digest);
-    for (CentroidNode* node = start; node != nullptr; node = CentroidTree::next(node)) {
+    for (CentroidNode* node = start; node != nullptr; node = tree.successor(node)) {
       const double q = (toDouble(node->count) * 0.5 + toDouble(before)) / toDouble(total);
       const double bound = toDouble(UINT64_C(4) * total) * q * (1.0 - q) / delta;
       if (bound >= toDouble(node->count + w)) {
