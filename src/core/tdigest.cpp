@@ -146,6 +146,64 @@ class Reservoir {
                 inverseDelta_ < std::numeric_limits<double>::infinity();
   }
 
+  // Offers `node` (whose head sum is `before`) and every node after it in
+  // order up to the first one further than `reach` from x; returns the
+  // last one offered. `treeTotal` is the sum of all counts when the tree
+  // promises it (CentroidTree::runningCountsExact), else null. After
+  // expectLongRun().
+  //
+  // This is the step a column of few distinct values repeats for hundreds
+  // of centroids per add, so it is kept tight where the arithmetic allows:
+  // when every count, head sum and count + w stays below 2^53 they are all
+  // exact in double, so the head sum is carried as a double and the counts
+  // converted by the cheaper signed conversion, giving the values toDouble
+  // gives; and since the head sums only grow along the run, the slack of
+  // the last (largest) one serves every node, which takes its computation
+  // out of the loop.
+  CentroidNode* offerRun(CentroidNode* node, std::uint64_t before, double x, double reach,
+                         const std::uint64_t* treeTotal) {
+    constexpr std::uint64_t kExact = std::uint64_t{1} << 53;
+    if (!shortcut_ || w_ == 0 || treeTotal == nullptr || w_ >= kExact ||
+        *treeTotal >= kExact - w_) {
+      CentroidNode* last = nullptr;
+      do {
+        offer(node, before);
+        before += node->count;
+        last = node;
+        node = node->following;
+      } while (node != nullptr && !(std::fabs(node->mean - x) > reach));
+      return last;
+    }
+    // Every half below is at most the tree's total, so q and the slack are
+    // at most those of the total (rounding is monotone).
+    const double qMost = toDouble(*treeTotal) * inverseTotal_;
+    const double spreadMost = 1.0 + qMost;
+    const double slack = slackScale_ * (spreadMost * spreadMost);
+    const auto exact = [](std::uint64_t v) {
+      return static_cast<double>(static_cast<std::int64_t>(v));
+    };
+    const double w = exact(w_);
+    double head = exact(before);
+    CentroidNode* last = nullptr;
+    do {
+      const double count = exact(node->count);
+      const double need = count + w;
+      const double half = count * 0.5 + head;
+      const double q = half * inverseTotal_;
+      const double bound = fourTotal_ * q * (1.0 - q) * inverseDelta_;
+      bool take = bound - slack >= need;
+      const bool refuse = bound + slack < need;
+      if (!(take | refuse)) take = exactTest(half, need);
+      pending_[pendingCount_] = node;
+      pendingCount_ += take ? 1 : 0;
+      if (pendingCount_ == kBatch) draw();
+      head += count;
+      last = node;
+      node = node->following;
+    } while (node != nullptr && !(std::fabs(node->mean - x) > reach));
+    return last;
+  }
+
   void offer(CentroidNode* node, std::uint64_t before) {
     const double need = toDouble(node->count + w_);
     const double half = toDouble(node->count) * 0.5 + toDouble(before);
@@ -179,6 +237,10 @@ class Reservoir {
       if (bound - slack >= need) return true;
       if (bound + slack < need) return false;
     }
+    return exactTest(half, need);
+  }
+
+  bool exactTest(double half, double need) const {
     const double q = half / total_;
     const double bound = fourTotal_ * q * (1.0 - q) / delta_;
     return bound >= need;
@@ -243,12 +305,9 @@ void addToOrdered(CentroidTree& tree, const CentroidTree::Location& at, double x
     CentroidNode* node = after->following;
     if (node != nullptr && !(std::fabs(node->mean - x) > dAfter)) {
       reservoir.expectLongRun();
-      do {
-        reservoir.offer(node, before);
-        before += node->count;
-        runLast = node;
-        node = node->following;
-      } while (node != nullptr && !(std::fabs(node->mean - x) > dAfter));
+      const std::uint64_t total = tree.root()->subtreeCount;
+      runLast =
+          reservoir.offerRun(node, before, x, dAfter, tree.runningCountsExact() ? &total : nullptr);
     }
   }
 
