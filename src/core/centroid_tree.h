@@ -110,10 +110,10 @@ class CentroidTree {
     std::uint64_t belowHead = 0;    // headSum(below)
     // When pathKnown: the nodes passed from the root down to where the
     // descent fell off the tree, depth of them, below and after among them
-    // at belowDepth and afterDepth; bit i of leftTurns is set when the
-    // descent went left at path[i], slotLeft when it fell off on the left.
-    // Known only for a tree with exact aggregates no deeper than kMaxPath
-    // (an AVL tree that deep would need some 10^13 nodes).
+    // at belowDepth and afterDepth; bit depth - 1 - i of leftTurns is set
+    // when the descent went left at path[i], slotLeft when it fell off on
+    // the left. Known only for a tree with exact aggregates no deeper than
+    // kMaxPath (an AVL tree that deep would need some 10^13 nodes).
     static constexpr int kMaxPath = 64;
     bool pathKnown = false;
     bool slotLeft = false;
