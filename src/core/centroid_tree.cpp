@@ -634,6 +634,7 @@ void CentroidTree::updateCentroid(double x, std::uint64_t w, CentroidNode* node,
                                static_cast<std::uint64_t>(at.afterDepth)) +
                          1);
     // The entries are independent: no chain of parent loads.
+#pragma GCC unroll 4
     for (int i = 0; i < length; ++i) at.path[i]->subtreeCount += w;
   } else {
     carryCount(node, w);
