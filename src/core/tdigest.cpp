@@ -147,9 +147,9 @@ class Reservoir {
   }
 
   // Offers `node` (whose head sum is `before`) and every node after it in
-  // order up to the first one further than `reach` from x; returns the
-  // last one offered. `treeTotal` is the sum of all counts when the tree
-  // promises it (CentroidTree::runningCountsExact), else null. After
+  // order up to the first one further than `reach` from x, none of them
+  // with a mean below x (nor NaN); returns the last one offered. `treeTotal` is the sum of all
+  // counts when the tree promises it (CentroidTree::runningCountsExact), else null. After
   // expectLongRun().
   //
   // This is the step a column of few distinct values repeats for hundreds
@@ -184,23 +184,34 @@ class Reservoir {
     };
     const double w = exact(w_);
     double head = exact(before);
+    // Held in locals: the loop keeps them in registers.
+    const double inverseTotal = inverseTotal_;
+    const double fourTotal = fourTotal_;
+    const double inverseDelta = inverseDelta_;
+    std::size_t pending = pendingCount_;
     CentroidNode* last = nullptr;
     do {
       const double count = exact(node->count);
       const double need = count + w;
       const double half = count * 0.5 + head;
-      const double q = half * inverseTotal_;
-      const double bound = fourTotal_ * q * (1.0 - q) * inverseDelta_;
+      const double q = half * inverseTotal;
+      const double bound = fourTotal * q * (1.0 - q) * inverseDelta;
       bool take = bound - slack >= need;
       const bool refuse = bound + slack < need;
       if (!(take | refuse)) take = exactTest(half, need);
-      pending_[pendingCount_] = node;
-      pendingCount_ += take ? 1 : 0;
-      if (pendingCount_ == kBatch) draw();
+      pending_[pending] = node;
+      pending += take ? 1 : 0;
+      if (pending == kBatch) {
+        pendingCount_ = pending;
+        draw();
+        pending = 0;
+      }
       head += count;
       last = node;
       node = node->following;
-    } while (node != nullptr && !(std::fabs(node->mean - x) > reach));
+      // No mean from here on is below x: its distance is mean - x.
+    } while (node != nullptr && !(node->mean - x > reach));
+    pendingCount_ = pending;
     return last;
   }
 
