@@ -460,15 +460,14 @@ template <class GoesLeft>
 CentroidTree::Split CentroidTree::split(GoesLeft goesLeft) const noexcept {
   // Each turn keeps the node it leaves: the last one passed on the right is
   // the last false, the last one passed on the left the first true, and
-  // the one before each on its side is its neighbour when it has no child
-  // on the far side.
+  // the one before the last false on its side is its neighbour when it has
+  // no left child.
   Split s;
   std::uint64_t base = 0;  // counts before the subtree at hand
   for (const CentroidNode* node = root_; node != nullptr;) {
     const std::uint64_t head = base + subtreeCountOf(node->left);
     const std::uint64_t through = head + node->count;
     if (goesLeft(node, through)) {
-      s.afterUp = s.after;
       s.after = node;
       s.afterHead = head;
       node = node->left;
@@ -484,7 +483,31 @@ CentroidTree::Split CentroidTree::split(GoesLeft goesLeft) const noexcept {
 }
 
 CentroidTree::Split CentroidTree::splitAboveMean(double x) const noexcept {
-  return split([x](const CentroidNode* node, std::uint64_t) { return node->mean > x; });
+  // The test reads no count, so the head sum is carried as in locate(),
+  // from the subtree counts on the path alone: no child off the path is
+  // read. The descent falls off just before `after`, whose head sum is
+  // that of the empty slot it ends in.
+  Split s;
+  std::uint64_t right = 0;  // all ones after a right turn
+  std::uint64_t start = 0;  // counts before the subtree of the node at hand
+  std::uint64_t above = 0;  // subtree count of the node passed before it
+  for (const CentroidNode* node = root_; node != nullptr;) {
+    const std::uint64_t total = node->subtreeCount;
+    start += right & (above - total);
+    above = total;
+    if (node->mean > x) {
+      s.after = node;
+      right = 0;
+      node = node->left;
+    } else {
+      s.beforeUp = s.before;
+      s.before = node;
+      right = ~std::uint64_t{0};
+      node = node->right;
+    }
+  }
+  s.afterHead = start + (right & above);
+  return s;
 }
 
 CentroidTree::Split CentroidTree::splitAboveRunning(double target) const noexcept {
@@ -497,7 +520,7 @@ const CentroidNode* CentroidTree::previousOfBefore(const Split& s) noexcept {
 }
 
 const CentroidNode* CentroidTree::nextOfAfter(const Split& s) noexcept {
-  return s.after->right != nullptr ? descendFirst(s.after->right) : s.afterUp;
+  return s.after->following;
 }
 
 CentroidNode* CentroidTree::insertAt(const Location& at, double mean, std::uint64_t count) {

@@ -165,13 +165,12 @@ class CentroidTree {
   // Where a descent parts the nodes: `before` is the last node in order for
   // which the test is false, `after` the first for which it is true (null
   // when there is none). `beforeUp` is previous(before) when before has no
-  // left child, `afterUp` next(after) when after has no right child; the
-  // two helpers below finish the neighbours from them.
+  // left child; the two helpers below find the neighbours (both splits
+  // need a tree of its own, whose nodes link to the next in order).
   struct Split {
     const CentroidNode* before = nullptr;
     const CentroidNode* beforeUp = nullptr;
     const CentroidNode* after = nullptr;
-    const CentroidNode* afterUp = nullptr;
     std::uint64_t afterHead = 0;  // headSum(after); the whole sum when after is null
   };
   // The first node whose mean is above x (for x NaN: none). Needs
