@@ -268,7 +268,7 @@ class CentroidTree {
   bool meansOrdered_ = true;  // see meansOrdered()
 };
 
-// Inline: the walks along a run of centroids call it once per node.
+// Inline: the walks of the queries call it once per node.
 inline CentroidNode* CentroidTree::next(const CentroidNode* node) noexcept {
   if (node == nullptr) return nullptr;
   if (node->right != nullptr) {

@@ -32,9 +32,10 @@
 // path, and a grown one carries its weight up along the recorded path.
 // On a tree with ordered means and a finite x the run is found and offered
 // in one pass (addToOrdered), which matters for a column of few distinct
-// values, where each add walks a run of hundreds of equal means: its
-// eligibility test avoids the divisions where it safely can, and the draws
-// of its eligible centroids are made in batches (Reservoir).
+// values, where each add walks a run of hundreds of equal means: each step
+// follows the node's link to the next in order, its eligibility test avoids
+// the divisions where it safely can, and the draws of its eligible
+// centroids are made in batches (Reservoir::offerRun).
 #include "core/tdigest.h"
 
 #include <algorithm>
