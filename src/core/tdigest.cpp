@@ -197,9 +197,13 @@ class Reservoir {
       const double half = count * 0.5 + head;
       const double q = half * inverseTotal;
       const double bound = fourTotal * q * (1.0 - q) * inverseDelta;
+      // The test's outcome is as good as random along a run: it must not
+      // steer a branch. Only the rare case near the threshold does.
       bool take = bound - slack >= need;
       const bool refuse = bound + slack < need;
-      if (!(take | refuse)) take = exactTest(half, need);
+      if (static_cast<int>(take) + static_cast<int>(refuse) == 0) [[unlikely]] {
+        take = exactTest(half, need);
+      }
       pending_[pending] = node;
       pending += take ? 1 : 0;
       if (pending == kBatch) {
