@@ -159,18 +159,24 @@ std::uint64_t blend(std::uint64_t mask, std::uint64_t a, std::uint64_t b) noexce
 }
 
 // The child of `node` on x's side: left when its mean is at least x, right
-// when it is below x or NaN. On x86-64 a conditional move straight off the
-// comparison's flags, so the next load waits for nothing else.
-CentroidNode* childToward(const CentroidNode* node, double x) noexcept {
+// when it is below x or NaN; `goesLeft` is 1 for left, else 0. On x86-64 a
+// conditional move and a flag read straight off one comparison, so the
+// next load waits for nothing else.
+CentroidNode* childToward(const CentroidNode* node, double x, std::uint64_t& goesLeft) noexcept {
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
   CentroidNode* child = node->right;
-  asm("comisd %[x], %[mean]\n\tcmovae %[left], %[child]"
-      : [child] "+r"(child)
+  std::uint64_t bit;
+  asm("xorl %k[bit], %k[bit]\n\tcomisd %[x], %[mean]\n\tcmovae %[left], %[child]\n\t"
+      "setae %b[bit]"
+      : [child] "+r"(child), [bit] "=&q"(bit)
       : [mean] "x"(node->mean), [x] "x"(x), [left] "rm"(node->left)
       : "cc");
+  goesLeft = bit;
   return child;
 #else
-  return node->mean >= x ? node->left : node->right;
+  const bool toLeft = node->mean >= x;
+  goesLeft = toLeft ? 1 : 0;
+  return toLeft ? node->left : node->right;
 #endif
 }
 
@@ -293,6 +299,11 @@ CentroidTree::CentroidTree(const CentroidTree& other)
   root_ = root;
   first_ = descendFirst(root_);
   last_ = descendLast(root_);
+  if (!adopted_) {
+    for (CentroidNode* node = first_; node != nullptr; node = node->following) {
+      node->following = next(node);
+    }
+  }
 }
 
 CentroidTree& CentroidTree::operator=(const CentroidTree& other) {
@@ -381,65 +392,62 @@ std::uint64_t CentroidTree::headSum(const CentroidNode* node) noexcept {
 }
 
 void CentroidTree::listCentroids(std::vector<Centroid>& out) const {
-  for (const CentroidNode* node = first(); node != nullptr; node = next(node)) {
+  for (const CentroidNode* node = first(); node != nullptr; node = successor(node)) {
     out.push_back(Centroid{node->mean, node->count});
   }
 }
 
 CentroidTree::Location CentroidTree::locate(double x) const noexcept {
   Location at;
-  if (!adopted_) {
+  // A tree of its own has exact heights, so its height bounds the path:
+  // the record needs no check per level.
+  if (!adopted_ && (root_ == nullptr || root_->height < Location::kMaxPath)) {
     // The descent chooses by masking rather than by branching (compilers
     // turn a plain conditional back into a jump here). It records the nodes
-    // passed and one bit per turn (set for left); below is the last node
+    // passed and one bit per turn (set for left), shifted in from the
+    // bottom, so the deepest turn ends in bit 0; below is the last node
     // passed on the right, after the last one passed on the left (the
     // leftmost node of below's right subtree if it has one, else the
     // nearest ancestor below lies left of). The head sums need no node off
     // the path: a node's subtree starts where its parent's did when reached
     // from the left, and ends where its parent's ended when reached from
-    // the right.
-    std::uint64_t left = ~std::uint64_t{0};  // all ones after a left turn
+    // the right; the slot it ends in lies at the start of the last node's
+    // subtree when it fell off on the left, at its end on the right.
+    std::uint64_t right = 0;  // all ones after a right turn
     std::uint64_t turns = 0;
-    std::uint64_t bit = 1;
-    std::uint64_t start = 0;  // counts before the subtree of a left child
-    std::uint64_t end = 0;    // counts up to the end of the subtree of a right child
-    std::uint64_t depth = 0;
-    for (CentroidNode* node = root_; node != nullptr; ++depth) {
-      // Past kMaxPath entries the record wraps; such a path is not used.
-      at.path[depth % Location::kMaxPath] = node;
+    std::uint64_t start = 0;  // counts before the subtree of the node at hand
+    std::uint64_t above = 0;  // subtree count of the node passed before it
+    CentroidNode** slot = at.path;
+    for (CentroidNode* node = root_; node != nullptr;) {
+      *slot++ = node;
       const std::uint64_t total = node->subtreeCount;
-      // The root's subtree starts at 0, like a left child's.
-      const std::uint64_t nodeStart = blend(left, start, end - total);
-      // A NaN mean counts as below x.
-      left = maskOf(node->mean >= x);
-      start = nodeStart;
-      end = nodeStart + total;
-      turns |= left & bit;
-      bit += bit;
-      node = childToward(node, x);
+      // A left child's subtree starts where its parent's does, a right
+      // child's where the parent's ends less its own size.
+      start += right & (above - total);
+      above = total;
+      std::uint64_t goesLeft;
+      node = childToward(node, x, goesLeft);
+      right = goesLeft - 1;
+      turns = turns + turns + goesLeft;
     }
-    if (depth <= static_cast<std::uint64_t>(Location::kMaxPath)) {
-      const std::uint64_t passed = depth == static_cast<std::uint64_t>(Location::kMaxPath)
-                                       ? ~std::uint64_t{0}
-                                       : (std::uint64_t{1} << depth) - 1;
-      const std::uint64_t lefts = turns & passed;
-      const std::uint64_t rights = ~turns & passed;
-      at.pathKnown = true;
-      at.leftTurns = lefts;
-      at.depth = static_cast<int>(depth);
-      at.slotLeft = left != 0;
-      if (rights != 0) {
-        at.belowDepth = std::bit_width(rights) - 1;
-        at.below = at.path[at.belowDepth];
-        // The descent ends in the empty slot just after below in order.
-        at.belowHead = blend(left, start, end) - at.below->count;
-      }
-      if (lefts != 0) {
-        at.afterDepth = std::bit_width(lefts) - 1;
-        at.after = at.path[at.afterDepth];
-      }
-      return at;
+    const auto depth = static_cast<int>(slot - at.path);
+    const std::uint64_t passed = depth == 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << depth) - 1;
+    const std::uint64_t rights = ~turns & passed;
+    at.pathKnown = true;
+    at.leftTurns = turns;
+    at.depth = depth;
+    at.slotLeft = right == 0;
+    if (rights != 0) {
+      at.belowDepth = depth - 1 - std::countr_zero(rights);
+      at.below = at.path[at.belowDepth];
+      // The descent ends in the empty slot just after below in order.
+      at.belowHead = start + (right & above) - at.below->count;
     }
+    if (turns != 0) {
+      at.afterDepth = depth - 1 - std::countr_zero(turns);
+      at.after = at.path[at.afterDepth];
+    }
+    return at;
   }
   // An adopted structure, whose stored counts and links are not trusted.
   at.below = floor(x);
@@ -452,15 +460,14 @@ template <class GoesLeft>
 CentroidTree::Split CentroidTree::split(GoesLeft goesLeft) const noexcept {
   // Each turn keeps the node it leaves: the last one passed on the right is
   // the last false, the last one passed on the left the first true, and
-  // the one before each on its side is its neighbour when it has no child
-  // on the far side.
+  // the one before the last false on its side is its neighbour when it has
+  // no left child.
   Split s;
   std::uint64_t base = 0;  // counts before the subtree at hand
   for (const CentroidNode* node = root_; node != nullptr;) {
     const std::uint64_t head = base + subtreeCountOf(node->left);
     const std::uint64_t through = head + node->count;
     if (goesLeft(node, through)) {
-      s.afterUp = s.after;
       s.after = node;
       s.afterHead = head;
       node = node->left;
@@ -476,7 +483,31 @@ CentroidTree::Split CentroidTree::split(GoesLeft goesLeft) const noexcept {
 }
 
 CentroidTree::Split CentroidTree::splitAboveMean(double x) const noexcept {
-  return split([x](const CentroidNode* node, std::uint64_t) { return node->mean > x; });
+  // The test reads no count, so the head sum is carried as in locate(),
+  // from the subtree counts on the path alone: no child off the path is
+  // read. The descent falls off just before `after`, whose head sum is
+  // that of the empty slot it ends in.
+  Split s;
+  std::uint64_t right = 0;  // all ones after a right turn
+  std::uint64_t start = 0;  // counts before the subtree of the node at hand
+  std::uint64_t above = 0;  // subtree count of the node passed before it
+  for (const CentroidNode* node = root_; node != nullptr;) {
+    const std::uint64_t total = node->subtreeCount;
+    start += right & (above - total);
+    above = total;
+    if (node->mean > x) {
+      s.after = node;
+      right = 0;
+      node = node->left;
+    } else {
+      s.beforeUp = s.before;
+      s.before = node;
+      right = ~std::uint64_t{0};
+      node = node->right;
+    }
+  }
+  s.afterHead = start + (right & above);
+  return s;
 }
 
 CentroidTree::Split CentroidTree::splitAboveRunning(double target) const noexcept {
@@ -489,23 +520,14 @@ const CentroidNode* CentroidTree::previousOfBefore(const Split& s) noexcept {
 }
 
 const CentroidNode* CentroidTree::nextOfAfter(const Split& s) noexcept {
-  return s.after->right != nullptr ? descendFirst(s.after->right) : s.afterUp;
-}
-
-CentroidNode* CentroidTree::next(const CentroidNode* node, const Location& at) noexcept {
-  if (node != at.after || !at.pathKnown || node->right != nullptr) return next(node);
-  // After's successor is the node where the descent last turned left
-  // before reaching it, if any.
-  const std::uint64_t earlier =
-      at.leftTurns & ((std::uint64_t{1} << static_cast<unsigned>(at.afterDepth)) - 1);
-  return earlier != 0 ? at.path[std::bit_width(earlier) - 1] : nullptr;
+  return s.after->following;
 }
 
 CentroidNode* CentroidTree::insertAt(const Location& at, double mean, std::uint64_t count) {
   if (!at.pathKnown) return insert(mean, count);
   // Only where the descent went left can a mean have equalled x.
   for (std::uint64_t turns = at.leftTurns; turns != 0; turns &= turns - 1) {
-    if (at.path[std::countr_zero(turns)]->mean == mean) return insert(mean, count);
+    if (at.path[at.depth - 1 - std::countr_zero(turns)]->mean == mean) return insert(mean, count);
   }
   noteCountAdded(count);
   if (std::isnan(mean)) meansOrdered_ = false;
@@ -517,6 +539,9 @@ CentroidNode* CentroidTree::insertAt(const Location& at, double mean, std::uint6
     (at.slotLeft ? parent->left : parent->right) = node;
     node->parent = parent;
   }
+  // The descent fell off between below and after in order.
+  node->following = at.after;
+  if (at.below != nullptr) at.below->following = node;
   noteEnds(node);
   settleInsert(node, &at);
   ++size_;
@@ -583,6 +608,12 @@ CentroidNode* CentroidTree::insert(double mean, std::uint64_t count) {
       }
       at = link;
     }
+    if (!adopted_) {
+      // A leaf: its neighbours in order are found by climbing.
+      node->following = next(node);
+      CentroidNode* before = previous(node);
+      if (before != nullptr) before->following = node;
+    }
   }
   noteEnds(node);
   settleInsert(node, nullptr);
@@ -626,6 +657,7 @@ void CentroidTree::updateCentroid(double x, std::uint64_t w, CentroidNode* node,
                                static_cast<std::uint64_t>(at.afterDepth)) +
                          1);
     // The entries are independent: no chain of parent loads.
+#pragma GCC unroll 4
     for (int i = 0; i < length; ++i) at.path[i]->subtreeCount += w;
   } else {
     carryCount(node, w);
@@ -650,10 +682,10 @@ void CentroidTree::restoreOrder(CentroidNode* node, double m, double grownMean,
   CentroidNode* target = node;
   CentroidNode* beyond = nullptr;
   if (grownMean > m) {
-    beyond = next(node);
+    beyond = successor(node);
     while (beyond != nullptr && beyond->mean == m && target != runLast) {
       target = beyond;
-      beyond = next(beyond);
+      beyond = successor(beyond);
     }
   } else if (grownMean < m) {
     beyond = previous(node);
@@ -670,7 +702,7 @@ void CentroidTree::noteGrownMean(const CentroidNode* at, double m, double grownM
                                  const CentroidNode* towards, bool towardsKnown) noexcept {
   if (!meansOrdered_ || adopted_ || grownMean == m) return;
   if (grownMean > m) {
-    const CentroidNode* n = towardsKnown ? towards : next(at);
+    const CentroidNode* n = towardsKnown ? towards : at->following;
     meansOrdered_ = n == nullptr || grownMean <= n->mean;
   } else if (grownMean < m) {
     const CentroidNode* n = towardsKnown ? towards : previous(at);

@@ -40,6 +40,9 @@ struct CentroidNode {
   CentroidNode* parent = nullptr;
   CentroidNode* left = nullptr;   // smaller, or equal and inserted earlier
   CentroidNode* right = nullptr;  // larger or equal
+  // The next node in order, kept only by a tree of its own (see
+  // CentroidTree::successor); null in a structure handed to adopt().
+  CentroidNode* following = nullptr;
 };
 
 class CentroidTree {
@@ -59,6 +62,13 @@ class CentroidTree {
   CentroidNode* last() const noexcept;
   static CentroidNode* next(const CentroidNode* node) noexcept;
   static CentroidNode* previous(const CentroidNode* node) noexcept;
+  // next(node) (node not null) without a climb: a tree of its own links every node to the
+  // next in order as it inserts (rotations and exchanges of contents keep
+  // the order), so walks along a run cost one load per node. An adopted
+  // tree climbs.
+  CentroidNode* successor(const CentroidNode* node) const noexcept {
+    return adopted_ ? next(node) : node->following;
+  }
   // Last node in order whose mean is strictly below x (a NaN mean counts as
   // below).
   CentroidNode* floor(double x) const noexcept;
@@ -100,10 +110,10 @@ class CentroidTree {
     std::uint64_t belowHead = 0;    // headSum(below)
     // When pathKnown: the nodes passed from the root down to where the
     // descent fell off the tree, depth of them, below and after among them
-    // at belowDepth and afterDepth; bit i of leftTurns is set when the
-    // descent went left at path[i], slotLeft when it fell off on the left.
-    // Known only for a tree with exact aggregates no deeper than kMaxPath
-    // (an AVL tree that deep would need some 10^13 nodes).
+    // at belowDepth and afterDepth; bit depth - 1 - i of leftTurns is set
+    // when the descent went left at path[i], slotLeft when it fell off on
+    // the left. Known only for a tree with exact aggregates no deeper than
+    // kMaxPath (an AVL tree that deep would need some 10^13 nodes).
     static constexpr int kMaxPath = 64;
     bool pathKnown = false;
     bool slotLeft = false;
@@ -120,9 +130,6 @@ class CentroidTree {
   // since) fell off the tree, unless the two searches part: floor() goes
   // left at a mean equal to x, insert() right. The same result either way.
   CentroidNode* insertAt(const Location& at, double mean, std::uint64_t count);
-  // next(node), looked up on the recorded path rather than climbed to when
-  // node is at.after without a right subtree (the tree unchanged since).
-  static CentroidNode* next(const CentroidNode* node, const Location& at) noexcept;
   // updateCentroid for a node of the nearest run found by `at` (the tree
   // unchanged since): the same result, carried up along the recorded path
   // when the node is below or after.
@@ -158,13 +165,12 @@ class CentroidTree {
   // Where a descent parts the nodes: `before` is the last node in order for
   // which the test is false, `after` the first for which it is true (null
   // when there is none). `beforeUp` is previous(before) when before has no
-  // left child, `afterUp` next(after) when after has no right child; the
-  // two helpers below finish the neighbours from them.
+  // left child; the two helpers below find the neighbours (both splits
+  // need a tree of its own, whose nodes link to the next in order).
   struct Split {
     const CentroidNode* before = nullptr;
     const CentroidNode* beforeUp = nullptr;
     const CentroidNode* after = nullptr;
-    const CentroidNode* afterUp = nullptr;
     std::uint64_t afterHead = 0;  // headSum(after); the whole sum when after is null
   };
   // The first node whose mean is above x (for x NaN: none). Needs
@@ -262,7 +268,7 @@ class CentroidTree {
   bool meansOrdered_ = true;  // see meansOrdered()
 };
 
-// Inline: the walks along a run of centroids call it once per node.
+// Inline: the walks of the queries call it once per node.
 inline CentroidNode* CentroidTree::next(const CentroidNode* node) noexcept {
   if (node == nullptr) return nullptr;
   if (node->right != nullptr) {

@@ -32,9 +32,10 @@
 // path, and a grown one carries its weight up along the recorded path.
 // On a tree with ordered means and a finite x the run is found and offered
 // in one pass (addToOrdered), which matters for a column of few distinct
-// values, where each add walks a run of hundreds of equal means: its
-// eligibility test avoids the divisions where it safely can, and the draws
-// of its eligible centroids are made in batches (Reservoir).
+// values, where each add walks a run of hundreds of equal means: each step
+// follows the node's link to the next in order, its eligibility test avoids
+// the divisions where it safely can, and the draws of its eligible
+// centroids are made in batches (Reservoir::offerRun).
 #include "core/tdigest.h"
 
 #include <algorithm>
@@ -146,6 +147,79 @@ class Reservoir {
                 inverseDelta_ < std::numeric_limits<double>::infinity();
   }
 
+  // Offers `node` (whose head sum is `before`) and every node after it in
+  // order up to the first one further than `reach` from x, none of them
+  // with a mean below x (nor NaN); returns the last one offered. `treeTotal` is the sum of all
+  // counts when the tree promises it (CentroidTree::runningCountsExact), else null. After
+  // expectLongRun().
+  //
+  // This is the step a column of few distinct values repeats for hundreds
+  // of centroids per add, so it is kept tight where the arithmetic allows:
+  // when every count, head sum and count + w stays below 2^53 they are all
+  // exact in double, so the head sum is carried as a double and the counts
+  // converted by the cheaper signed conversion, giving the values toDouble
+  // gives; and since the head sums only grow along the run, the slack of
+  // the last (largest) one serves every node, which takes its computation
+  // out of the loop.
+  CentroidNode* offerRun(CentroidNode* node, std::uint64_t before, double x, double reach,
+                         const std::uint64_t* treeTotal) {
+    constexpr std::uint64_t kExact = std::uint64_t{1} << 53;
+    if (!shortcut_ || w_ == 0 || treeTotal == nullptr || w_ >= kExact ||
+        *treeTotal >= kExact - w_) {
+      CentroidNode* last = nullptr;
+      do {
+        offer(node, before);
+        before += node->count;
+        last = node;
+        node = node->following;
+      } while (node != nullptr && !(std::fabs(node->mean - x) > reach));
+      return last;
+    }
+    // Every half below is at most the tree's total, so q and the slack are
+    // at most those of the total (rounding is monotone).
+    const double qMost = toDouble(*treeTotal) * inverseTotal_;
+    const double spreadMost = 1.0 + qMost;
+    const double slack = slackScale_ * (spreadMost * spreadMost);
+    const auto exact = [](std::uint64_t v) {
+      return static_cast<double>(static_cast<std::int64_t>(v));
+    };
+    const double w = exact(w_);
+    double head = exact(before);
+    // Held in locals: the loop keeps them in registers.
+    const double inverseTotal = inverseTotal_;
+    const double fourTotal = fourTotal_;
+    const double inverseDelta = inverseDelta_;
+    std::size_t pending = pendingCount_;
+    CentroidNode* last = nullptr;
+    do {
+      const double count = exact(node->count);
+      const double need = count + w;
+      const double half = count * 0.5 + head;
+      const double q = half * inverseTotal;
+      const double bound = fourTotal * q * (1.0 - q) * inverseDelta;
+      // The test's outcome is as good as random along a run: it must not
+      // steer a branch. Only the rare case near the threshold does.
+      bool take = bound - slack >= need;
+      const bool refuse = bound + slack < need;
+      if (static_cast<int>(take) + static_cast<int>(refuse) == 0) [[unlikely]] {
+        take = exactTest(half, need);
+      }
+      pending_[pending] = node;
+      pending += take ? 1 : 0;
+      if (pending == kBatch) {
+        pendingCount_ = pending;
+        draw();
+        pending = 0;
+      }
+      head += count;
+      last = node;
+      node = node->following;
+      // No mean from here on is below x: its distance is mean - x.
+    } while (node != nullptr && !(node->mean - x > reach));
+    pendingCount_ = pending;
+    return last;
+  }
+
   void offer(CentroidNode* node, std::uint64_t before) {
     const double need = toDouble(node->count + w_);
     const double half = toDouble(node->count) * 0.5 + toDouble(before);
@@ -179,6 +253,10 @@ class Reservoir {
       if (bound - slack >= need) return true;
       if (bound + slack < need) return false;
     }
+    return exactTest(half, need);
+  }
+
+  bool exactTest(double half, double need) const {
     const double q = half / total_;
     const double bound = fourTotal_ * q * (1.0 - q) / delta_;
     return bound >= need;
@@ -240,15 +318,12 @@ void addToOrdered(CentroidTree& tree, const CentroidTree::Location& at, double x
     reservoir.offer(after, before);
     before += after->count;
     runLast = after;
-    CentroidNode* node = CentroidTree::next(after, at);
+    CentroidNode* node = after->following;
     if (node != nullptr && !(std::fabs(node->mean - x) > dAfter)) {
       reservoir.expectLongRun();
-      do {
-        reservoir.offer(node, before);
-        before += node->count;
-        runLast = node;
-        node = CentroidTree::next(node);
-      } while (node != nullptr && !(std::fabs(node->mean - x) > dAfter));
+      const std::uint64_t total = tree.root()->subtreeCount;
+      runLast =
+          reservoir.offerRun(node, before, x, dAfter, tree.runningCountsExact() ? &total : nullptr);
     }
   }
 
@@ -290,7 +365,7 @@ void addValue(TDigest& digest, double x, std::uint64_t w, Nesting& nesting) {
       }
       runLast = node;
       head += node->count;
-      node = node == at.below ? at.after : CentroidTree::next(node, at);
+      node = node == at.below ? at.after : tree.successor(node);
     }
     if (!tree.aggregatesExact()) before = CentroidTree::headSum(start);
 
@@ -299,7 +374,7 @@ void addValue(TDigest& digest, double x, std::uint64_t w, Nesting& nesting) {
     const std::uint64_t total = digest.totalWeight;
     const double delta = digest.delta;
     quorix::RandomStream& random = streamOf(digest);
-    for (CentroidNode* node = start; node != nullptr; node = CentroidTree::next(node)) {
+    for (CentroidNode* node = start; node != nullptr; node = tree.successor(node)) {
       const double q = (toDouble(node->count) * 0.5 + toDouble(before)) / toDouble(total);
       const double bound = toDouble(UINT64_C(4) * total) * q * (1.0 - q) / delta;
       if (bound >= toDouble(node->count + w)) {

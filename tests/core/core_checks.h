@@ -67,14 +67,18 @@ inline int checkSubtree(const CentroidNode* node, const CentroidNode* parent,
   return node->height;
 }
 
-// Every structural invariant of a tree built by insertion: AVL, the size and
-// the order of the means.
+// Every structural invariant of a tree built by insertion: AVL, the size,
+// the order of the means and the links to the next node in order.
 inline void expectValidTree(const CentroidTree& tree) {
   std::vector<const CentroidNode*> inOrder;
   checkSubtree(tree.root(), nullptr, inOrder);
   ASSERT_EQ(tree.size(), inOrder.size());
   for (std::size_t i = 1; i < inOrder.size(); ++i) {
     EXPECT_LE(inOrder[i - 1]->mean, inOrder[i]->mean);
+    EXPECT_EQ(tree.successor(inOrder[i - 1]), inOrder[i]);
+  }
+  if (!inOrder.empty()) {
+    EXPECT_EQ(tree.successor(inOrder.back()), nullptr);
   }
   // The ends the tree keeps as it grows are the ends of the order.
   EXPECT_EQ(tree.first(), inOrder.empty() ? nullptr : inOrder.front());

@@ -214,6 +214,7 @@ TEST_P(TDigestModel, tree_digest_matches_a_sorted_vector_bit_for_bit) {
     if (i % 500 == 0) {
       expectMatches();
       expectValidTree(s.digest.tree);
+      expectValidTree(CentroidTree(s.digest.tree));  // a copy links its own nodes
     }
   }
   s.digest.compress();
