@@ -234,9 +234,13 @@ void ReproducibleBuild::toWeightedBuffer(const std::byte* values, ClassID id,
   if (count == 0) {
     return;
   }
-  if (buffer_.empty()) {
-    buffer_.resize(kBlockSize * sizeof(double));
-    bufferWeights_.resize(kBlockSize);
+  // Grows like the unweighted buffer: room for every pair of this append
+  // (the zero-weight ones are not kept), up to one block.
+  const std::size_t needed = std::min(buffered_ + count, kBlockSize);
+  if (bufferWeights_.size() < needed) {
+    const std::size_t grown = std::min(std::max(needed, 2 * bufferWeights_.size()), kBlockSize);
+    buffer_.resize(grown * sizeof(double));
+    bufferWeights_.resize(grown);
   }
   // Held as the doubles the leaf would read them as.
   auto* doubles = reinterpret_cast<double*>(buffer_.data());

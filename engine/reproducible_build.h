@@ -10,9 +10,9 @@
 // 2^L), builds those subtrees side by side (inside each, the two halves in
 // parallel, then their merge), and pushes each finished subtree into the
 // counter, merging with the pending node of its level as a carry would. The
-// last partial block is copied into a block-sized buffer until more values
-// come. Every merge is thus the one the definition names, whatever the
-// chunks; only the memory in use and the parallelism depend on them.
+// last partial block is copied into a buffer (grown as it fills, up to one
+// block) until more values come. Every merge is thus the one the definition
+// names, whatever the chunks; only the memory in use and the parallelism depend on them.
 //
 // A weighted build first finds where each whole block of an append ends
 // (a count of the non-zero weights, one pass); each leaf then reads its
