@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
-#include <ctime>
 #include <random>
 #include <thread>
 #include <vector>
@@ -21,12 +20,15 @@
 #include "engine/reproducible_build.h"
 #include "quorix/module.h"
 #include "quorix/object_system.h"
+#include "timing.h"
 
 namespace {
 
 using quorix::ClassID;
 using quorix::HostArray;
 using quorix::HostArrayPtr;
+using zotdigest::bench::timed;
+using zotdigest::bench::Timing;
 
 constexpr std::size_t kValues = 10000000;
 constexpr int kRounds = 3;
@@ -54,28 +56,6 @@ Input zipfGroups(std::size_t groups) {
         std::min<std::int64_t>(r - cumulative.begin(), static_cast<std::int64_t>(groups) - 1);
   }
   return in;
-}
-
-struct Timing {
-  double wall = 0.0;
-  double cpu = 0.0;
-};
-
-double processCpu() {
-  timespec t{};
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
-  return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
-}
-
-template <class Work>
-Timing timed(Work&& work) {
-  // Let TBB's workers stop spinning from the last measurement first.
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
-  const auto t0 = std::chrono::steady_clock::now();
-  const double c0 = processCpu();
-  work();
-  const double c1 = processCpu();
-  return {std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count(), c1 - c0};
 }
 
 std::uint64_t weight(const HostArray& digest) {

@@ -29,12 +29,15 @@
 #include "quorix/module.h"
 #include "quorix/object_system.h"
 #include "quorix/random_stream.h"
+#include "timing.h"
 
 namespace {
 
 using quorix::ClassID;
 using quorix::HostArray;
 using quorix::HostArrayPtr;
+using zotdigest::bench::timed;
+using zotdigest::bench::Timing;
 
 constexpr std::size_t k1e7 = 10000000;
 constexpr std::size_t k1e8 = 100000000;
@@ -58,29 +61,6 @@ const std::vector<double>& input(Shape shape, std::size_t n) {
     if (shape == Shape::Sorted) std::sort(x.begin(), x.end());
   }
   return x;
-}
-
-struct Timing {
-  double wall = 0.0;
-  double cpu = 0.0;
-};
-
-double processCpu() {
-  timespec t{};
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
-  return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
-}
-
-template <class Work>
-Timing timed(Work&& work) {
-  // Let TBB's workers stop spinning from the last measurement first.
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
-  const auto w0 = std::chrono::steady_clock::now();
-  const double c0 = processCpu();
-  work();
-  const double c1 = processCpu();
-  const auto w1 = std::chrono::steady_clock::now();
-  return {std::chrono::duration<double>(w1 - w0).count(), c1 - c0};
 }
 
 HostArrayPtr view(const double* x, std::size_t n) {

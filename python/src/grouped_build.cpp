@@ -10,6 +10,7 @@
 #include "conversion.h"
 #include "engine/grouped_build.h"
 #include "host_call.h"
+#include "reproducible_build.h"
 
 namespace py = pybind11;
 
@@ -19,24 +20,6 @@ namespace {
 using CodeArray = py::array_t<std::int64_t, py::array::c_style | py::array::forcecast>;
 using WeightArray = py::array_t<std::uint64_t, py::array::c_style | py::array::forcecast>;
 
-std::uint32_t checkedSeed(long long seed) {
-  if (seed < 0 || seed > 0xFFFFFFFFLL) {
-    throw py::value_error("zotdigest: seed must be a whole number in [0, 2**32)");
-  }
-  return static_cast<std::uint32_t>(seed);
-}
-
-unsigned checkedThreads(const py::object& threads) {
-  if (threads.is_none()) {
-    return 0;
-  }
-  const auto value = threads.cast<long long>();
-  if (value < 1 || value > 4096) {
-    throw py::value_error("zotdigest: threads must be None or a whole number >= 1");
-  }
-  return static_cast<unsigned>(value);
-}
-
 void checkLength(const char* name, py::ssize_t length, std::size_t count) {
   if (static_cast<std::size_t>(length) != count) {
     throw py::value_error(std::string("zotdigest: ") + name + " has " + std::to_string(length) +
@@ -45,7 +28,7 @@ void checkLength(const char* name, py::ssize_t length, std::size_t count) {
 }
 
 py::list groupedDigests(const py::array& values, const CodeArray& codes, std::size_t groups,
-                        const py::object& weights, double delta, long long seed,
+                        const py::object& weights, double delta, const py::object& seed,
                         const py::object& threads) {
   if (values.ndim() != 1) {
     throw py::value_error("zotdigest: values must be a 1-D array");

@@ -30,25 +30,6 @@ struct Build {
   std::mutex mutex;
 };
 
-std::uint32_t checkedSeed(const py::object& seed) {
-  const auto value = seed.cast<long long>();
-  if (value < 0 || value > 0xFFFFFFFFLL) {
-    throw py::value_error("zotdigest: seed must be a whole number in [0, 2**32)");
-  }
-  return static_cast<std::uint32_t>(value);
-}
-
-unsigned checkedThreads(const py::object& threads) {
-  if (threads.is_none()) {
-    return 0;
-  }
-  const auto value = threads.cast<long long>();
-  if (value < 1 || value > 4096) {
-    throw py::value_error("zotdigest: threads must be None or a whole number >= 1");
-  }
-  return static_cast<unsigned>(value);
-}
-
 std::unique_ptr<Build> makeBuild(double delta, const py::object& seed, const py::object& threads,
                                  std::uint64_t firstBlock, bool weighted) {
   engine::BuildOptions options{delta, checkedSeed(seed), checkedThreads(threads), firstBlock,
@@ -147,6 +128,25 @@ py::object mergeTreeNodes(const py::handle& left, const py::handle& right, unsig
 }
 
 }  // namespace
+
+std::uint32_t checkedSeed(const py::object& seed) {
+  const auto value = seed.cast<long long>();
+  if (value < 0 || value > 0xFFFFFFFFLL) {
+    throw py::value_error("zotdigest: seed must be a whole number in [0, 2**32)");
+  }
+  return static_cast<std::uint32_t>(value);
+}
+
+unsigned checkedThreads(const py::object& threads) {
+  if (threads.is_none()) {
+    return 0;
+  }
+  const auto value = threads.cast<long long>();
+  if (value < 1 || value > 4096) {
+    throw py::value_error("zotdigest: threads must be None or a whole number >= 1");
+  }
+  return static_cast<unsigned>(value);
+}
 
 void register_reproducible_build(py::module_& m) {
   m.attr("BLOCK_SIZE") = engine::kBlockSize;
