@@ -115,6 +115,10 @@ _rng = np.random.default_rng(19)
 GROUP_KEYS = _rng.choice([3.0, 1.0, np.nan, 7.0, -2.0, 0.5], p=[0.6, 0.3, 0.04, 0.03, 0.02, 0.01],
                          size=4 * B + 333)
 GROUP_VALUES = _rng.lognormal(size=GROUP_KEYS.size).astype(np.float32)
+# A quarter of the weights are 0, so kept pairs' blocks start elsewhere than
+# the values'; key 3 still has two blocks of kept pairs, key 7 none.
+GROUP_WEIGHTS = _rng.choice([0, 1, 2, 9], size=GROUP_KEYS.size)
+GROUP_WEIGHTS[GROUP_KEYS == 7.0] = 0
 
 
 def assert_same_groups(got, expected):
@@ -153,6 +157,35 @@ def test_grouped_digests_equal_the_in_memory_build_whatever_the_partitions(clien
     assert_same_groups(zd.digest_by(values, by, seed=5), grouped_expected)
 
 
+@pytest.mark.parametrize("layout", ["uneven chunks", "frame", "unaligned"])
+def test_weighted_grouped_digests_equal_the_in_memory_build_whatever_the_partitions(client, layout):
+    expected = zotdigest.digest_by(GROUP_VALUES, GROUP_KEYS, weights=GROUP_WEIGHTS, seed=5)
+    assert (GROUP_WEIGHTS[GROUP_KEYS == 3.0] > 0).sum() > B and expected[7.0].NumDataPoints == 0
+    if layout == "frame":
+        frame = pd.DataFrame({"k": GROUP_KEYS, "x": GROUP_VALUES, "w": GROUP_WEIGHTS})
+        got = zd.digest_by(dd.from_pandas(frame, npartitions=6), by="k", on="x", weights="w", seed=5)
+        expected = zotdigest.digest_by(frame, by="k", on="x", weights="w", seed=5)
+    elif layout == "unaligned":
+        got = zd.digest_by(da.from_array(GROUP_VALUES, chunks=B - 5), da.from_array(GROUP_KEYS, chunks=B - 5),
+                           weights=dd.from_pandas(pd.Series(GROUP_WEIGHTS), npartitions=3), seed=5)
+    else:
+        chunks = tuple(np.diff([0, 5, B - 3, B, 3 * B + 1, GROUP_KEYS.size]))
+        values, by, weights = (da.from_array(a, chunks=chunks) for a in (GROUP_VALUES, GROUP_KEYS, GROUP_WEIGHTS))
+        got = zd.digest_by(values, by, weights=weights, seed=5)
+    assert_same_groups(got, expected)
+
+
+def test_weights_are_checked_per_partition_and_in_total(client):
+    x = da.from_array(np.arange(6.0), chunks=3)
+    negative = da.from_array(np.array([1, 1, 1, 1, -1, 1]), chunks=3)
+    with pytest.raises(ValueError, match=r"partition 1\): weight -1 at position 1 is negative"):
+        zd.digest_by(x, x, weights=negative)
+    # Each partition's sum fits in 64 bits; the total does not.
+    huge = da.from_array(np.full(6, 2**62, dtype=np.uint64), chunks=3)
+    with pytest.raises(ValueError, match="sum to more than"):
+        zd.digest_by(x, da.zeros(6, chunks=2), weights=huge)
+
+
 def test_keys_of_every_kind_missing_keys_and_empty_partitions(client):
     rng = np.random.default_rng(3)
     x = rng.normal(size=400)
@@ -179,7 +212,9 @@ def test_keys_of_every_kind_missing_keys_and_empty_partitions(client):
 def test_grouped_digest_refuses_bad_input_before_work():
     x = da.from_array(np.arange(10.0), chunks=4)
     for call, error in [
-        (lambda: zd.digest_by(x, x, weights=x), NotImplementedError),
+        (lambda: zd.digest_by(x, x, weights=x[:9]), ValueError),
+        (lambda: zd.digest_by(x, x, weights=x.astype(complex)), TypeError),
+        (lambda: zd.digest_by(x, x, weights="w"), TypeError),
         (lambda: zd.digest_by(x, x[:9]), ValueError),
         (lambda: zd.digest_by(x, np.arange(10)), TypeError),
         (lambda: zd.digest_by(x.astype(complex), x), TypeError),

@@ -76,10 +76,14 @@ def checked_weights(weights, shape, who):
             i = _first(bad)
             raise ValueError(f"{who}: weight {flat[i]} at position {i} does not fit in 64 bits")
     flat = np.ascontiguousarray(flat, dtype=np.uint64)
-    # The exact sum, from the two 32-bit halves (each half's sum fits for
-    # fewer than 2**32 weights).
-    high = int(np.sum(flat >> np.uint64(32), dtype=np.uint64))
-    low = int(np.sum(flat & np.uint64(0xFFFFFFFF), dtype=np.uint64))
-    if (high << 32) + low >= _LIMIT:
+    if weight_sum(flat) >= _LIMIT:
         raise ValueError(f"{who}: the weights sum to more than 2**64 - 1")
     return flat
+
+
+def weight_sum(flat):
+    """The exact sum of a uint64 array as a Python int, from the two 32-bit
+    halves (each half's sum fits for fewer than 2**32 weights)."""
+    high = int(np.sum(flat >> np.uint64(32), dtype=np.uint64))
+    low = int(np.sum(flat & np.uint64(0xFFFFFFFF), dtype=np.uint64))
+    return (high << 32) + low

@@ -54,6 +54,14 @@ sits in. Two passes over the data:
 
 The input is read twice (persist it first if reading it is costly), and
 batches, not keys, make the tasks of the last step.
+
+With weights, every partition checks its weights and drops the pairs of
+weight 0 before anything else, in both passes: the counts, offsets and
+blocks above are over the kept pairs, as the weighted build cuts blocks.
+Pass 1 also gives each partition's exact weight sum, and the client
+refuses a total over 2**64 - 1 before pass 2. Cut pieces travel with
+their weights, and leaves and subtrees are weighted builds; the merges
+are those of the unweighted tree.
 """
 
 import numbers as _numbers
@@ -67,6 +75,7 @@ from . import BLOCK_SIZE as _BLOCK_SIZE
 from ._groups import GroupedDigests as _GroupedDigests
 from ._groups import _NUMERIC, _values_array as _group_values_array
 from ._groups import factorize_keys as _factorize_keys
+from ._weights import checked_weights as _checked_weights, weight_sum as _weight_sum
 from . import RandomStream, ReproducibleBuild as _ReproducibleBuild, TDigest
 from . import column_digests as _column_build
 from . import _core
@@ -354,30 +363,54 @@ def _partition_keys(by, values):
     return codes, keys
 
 
-def _key_counts(by, values):
-    """Pass 1: the partition's distinct keys (ordered) and their counts."""
+def _key_counts(by, values, weights, who):
+    """Pass 1: the partition's distinct keys (ordered), their counts of kept
+    pairs (weight 0 drops a pair, not its key) and the weights' sum."""
     codes, keys = _partition_keys(by, values)
-    return keys, _np.bincount(codes[codes >= 0], minlength=len(keys)).astype(_np.int64)
+    total = 0
+    if weights is not None:
+        weights = _checked_weights(weights, codes.shape, who)
+        codes = codes[weights != 0]
+        total = _weight_sum(weights)
+    return keys, _np.bincount(codes[codes >= 0], minlength=len(keys)).astype(_np.int64), total
 
 
-def _subtree(values, delta, seed, first_block):
-    build = _ReproducibleBuild(delta, seed, None, first_block)
-    build.append(values)
+def _subtree(values, weights, delta, seed, first_block):
+    build = _ReproducibleBuild(delta, seed, None, first_block, weights is not None)
+    if weights is None:
+        build.append(values)
+    else:
+        build.append_weighted(values, weights)
     return build.finish()
 
 
-def _key_pieces(values, offset, total, delta, seed):
+def _part(weights, lo, hi):
+    """weights[lo:hi], or None for an unweighted build."""
+    return None if weights is None else weights[lo:hi]
+
+
+def _joined_parts(parts):
+    """Values and weights (or None) of (values, weights) parts, joined."""
+    values = _np.concatenate([v for v, _ in parts])
+    if parts[0][1] is None:
+        return values, None
+    return values, _np.concatenate([w for _, w in parts])
+
+
+def _key_pieces(values, weights, offset, total, delta, seed):
     """The pieces of positions [offset, offset + len(values)) of a key's
-    sequence of `total` values: ("node", level, index, digest) for the
-    aligned subtrees of the blocks wholly inside, ("cut", block, values) for
-    the parts of blocks cut by the range's ends."""
+    sequence of `total` values (pairs, with weights): ("node", level, index,
+    digest) for the aligned subtrees of the blocks wholly inside, ("cut",
+    block, values, weights) for the parts of blocks cut by the range's
+    ends."""
     B = _BLOCK_SIZE
     end = offset + len(values)
     pieces = []
     k, pos = offset // B, offset
     if offset % B:
         stop = min(end, (k + 1) * B, total)
-        pieces.append(("cut", k, values[:stop - offset].copy()))
+        pieces.append(("cut", k, values[:stop - offset].copy(),
+                       _part(weights, 0, stop - offset)))
         k, pos = k + 1, stop
     whole = k
     if pos < end:
@@ -387,42 +420,45 @@ def _key_pieces(values, offset, total, delta, seed):
         while k % (2 << level) == 0 and k + (2 << level) <= whole:
             level += 1
         stop = min((k + (1 << level)) * B, total)
+        lo, hi = k * B - offset, stop - offset
         pieces.append(("node", level, k >> level,
-                       _subtree(values[k * B - offset:stop - offset], delta, seed, k)))
+                       _subtree(values[lo:hi], _part(weights, lo, hi), delta, seed, k)))
         k += 1 << level
     if k * B < end:
-        pieces.append(("cut", k, values[k * B - offset:].copy()))
+        lo = k * B - offset
+        pieces.append(("cut", k, values[lo:].copy(), _part(weights, lo, len(values))))
     return pieces
 
 
-def _one_block_digests(values, codes, groups, delta, seed):
-    """For keys 0 .. groups - 1 of at most one block, whose values are
-    values[codes == g] in order: each key's digest, which is the leaf of its
-    block 0. The extension's grouped build makes them all in one call when
-    it has one; otherwise one build per key."""
-    grouped_build = getattr(_core, "_grouped_digests", None)
-    if grouped_build is not None:
-        return grouped_build(values, codes, groups, delta=delta, seed=seed)
-    order = _np.argsort(codes, kind="stable")
-    bounds = _np.searchsorted(codes[order], _np.arange(groups + 1))
-    return [_subtree(values[order[bounds[g]:bounds[g + 1]]], delta, seed, 0) for g in range(groups)]
+def _one_block_digests(values, weights, codes, groups, delta, seed):
+    """For keys 0 .. groups - 1 of at most one block, whose values (pairs)
+    are those where codes == g, in order: each key's digest, which is the
+    leaf of its block 0, all made in one grouped build."""
+    return _core._grouped_digests(values, codes, groups, weights=weights, delta=delta, seed=seed)
 
 
-def _partition_pieces(values, by, plan, delta, seed):
+def _partition_pieces(values, by, weights, plan, delta, seed, who):
     """Pass 2: per batch of keys, the partition's part of them:
     "whole": (codes, digests) of the keys of one block lying wholly here;
-    "cut": (codes, values), each value with its key's code, of block 0 of
-    every other key (in order within a key); "big": [(code, pieces)] for
-    the keys of more blocks, their block 0 left out when cut. `plan` holds
-    per local key its global code, offset, total and batch."""
+    "cut": (codes, values, weights or None), each value with its key's
+    code, of block 0 of every other key (in order within a key); "big":
+    [(code, pieces)] for the keys of more blocks, their block 0 left out
+    when cut. `plan` holds per local key its global code, offset, total and
+    batch, all counted over the kept pairs: weight-0 pairs go first."""
     values = _partition_values(values)
     codes, _ = _partition_keys(by, values)
+    if weights is not None:
+        weights = _checked_weights(weights, values.shape, who)
+        kept = weights != 0
+        if not kept.all():
+            values, codes, weights = values[kept], codes[kept], weights[kept]
     global_codes, offsets, totals, batches = plan
     # NumPy's stable sort of 16-bit integers is a radix sort.
     order = _np.argsort(codes.astype(_np.int16) if len(global_codes) < 2**15 else codes,
                         kind="stable")
     sorted_codes = codes[order]
     grouped = values[order]
+    grouped_weights = None if weights is None else weights[order]
     bounds = _np.searchsorted(sorted_codes, _np.arange(len(global_codes) + 1))
     counts = _np.diff(bounds)
     one_block = (totals <= _BLOCK_SIZE) & (counts > 0)
@@ -430,15 +466,16 @@ def _partition_pieces(values, by, plan, delta, seed):
     out = {}
 
     def part(batch):
-        return out.setdefault(int(batch), {"whole": ([], []), "cut": ([], []), "big": []})
+        return out.setdefault(int(batch), {"whole": ([], []), "cut": ([], [], []), "big": []})
 
     # Keys of one block lying wholly here: their digests, built at once.
     here = _np.flatnonzero(whole)
     if len(here):
         inside = whole[_np.maximum(sorted_codes, 0)] & (sorted_codes >= 0)
         local = _np.cumsum(whole) - 1
-        digests = _one_block_digests(grouped[inside], local[sorted_codes[inside]], len(here), delta,
-                                     seed)
+        digests = _one_block_digests(grouped[inside],
+                                     None if weights is None else grouped_weights[inside],
+                                     local[sorted_codes[inside]], len(here), delta, seed)
         for i, digest in zip(here.tolist(), digests):
             target = part(batches[i])["whole"]
             target[0].append(int(global_codes[i]))
@@ -449,26 +486,31 @@ def _partition_pieces(values, by, plan, delta, seed):
         taken = cut[_np.maximum(sorted_codes, 0)] & (sorted_codes >= 0)
         key_of = sorted_codes[taken]
         cut_values, cut_codes, cut_batches = grouped[taken], global_codes[key_of], batches[key_of]
+        cut_weights = None if weights is None else grouped_weights[taken]
         edges = _np.flatnonzero(_np.diff(cut_batches)) + 1
         for lo, hi in zip(_np.r_[0, edges], _np.r_[edges, len(cut_batches)]):
             target = part(cut_batches[lo])["cut"]
             target[0].append(cut_codes[lo:hi])
             target[1].append(cut_values[lo:hi])
+            target[2].append(_part(cut_weights, lo, hi))
     for i in _np.flatnonzero((counts > 0) & ~one_block).tolist():
         target = part(batches[i])
         code = int(global_codes[i])
         pieces = []
-        for piece in _key_pieces(grouped[bounds[i]:bounds[i + 1]], int(offsets[i]), int(totals[i]),
-                                 delta, seed):
+        for piece in _key_pieces(grouped[bounds[i]:bounds[i + 1]],
+                                 _part(grouped_weights, bounds[i], bounds[i + 1]), int(offsets[i]),
+                                 int(totals[i]), delta, seed):
             if piece[0] == "cut" and piece[1] == 0:
                 target["cut"][0].append(_np.full(len(piece[2]), code, dtype=_np.int64))
                 target["cut"][1].append(piece[2])
+                target["cut"][2].append(piece[3])
             else:
                 pieces.append(piece)
         target["big"].append((code, pieces))
     for payload in out.values():
-        codes_list, values_list = payload["cut"]
-        payload["cut"] = (_np.concatenate(codes_list), _np.concatenate(values_list)) \
+        codes_list, values_list, weights_list = payload["cut"]
+        payload["cut"] = (_np.concatenate(codes_list),
+                          *_joined_parts(list(zip(values_list, weights_list)))) \
             if codes_list else None
     return out
 
@@ -481,11 +523,11 @@ def _key_digest(pieces, total, delta, seed, first_leaf):
         if piece[0] == "node":
             nodes[(piece[1], piece[2])] = piece[3]
         else:
-            cuts.setdefault(piece[1], []).append(piece[2])
+            cuts.setdefault(piece[1], []).append((piece[2], piece[3]))
     if first_leaf is not None:
         nodes[(0, 0)] = first_leaf
     for block, parts in cuts.items():
-        nodes[(0, block)] = _subtree(_np.concatenate(parts), delta, seed, block)
+        nodes[(0, block)] = _subtree(*_joined_parts(parts), delta, seed, block)
     blocks = -(-total // _BLOCK_SIZE)
 
     def node(level, index):
@@ -504,13 +546,13 @@ def _batch_digests(payloads, first, totals, delta, seed):
     """The digests of keys first .. first + len(totals) - 1."""
     digests = [None] * len(totals)
     big = {}
-    cut_codes, cut_values = [], []
+    cut_codes, cut_parts = [], []
     for payload in payloads:  # in partition order
         for code, digest in zip(*payload["whole"]):
             digests[code - first] = digest
         if payload["cut"] is not None:
             cut_codes.append(payload["cut"][0])
-            cut_values.append(payload["cut"][1])
+            cut_parts.append(payload["cut"][1:])
         for code, pieces in payload["big"]:
             big.setdefault(code - first, []).extend(pieces)
     # Block 0 of every key whose block 0 was cut, in one go: the partitions'
@@ -518,7 +560,7 @@ def _batch_digests(payloads, first, totals, delta, seed):
     first_leaves = {}
     if cut_codes:
         keys, local = _np.unique(_np.concatenate(cut_codes) - first, return_inverse=True)
-        leaves = _one_block_digests(_np.concatenate(cut_values), local.astype(_np.int64), len(keys),
+        leaves = _one_block_digests(*_joined_parts(cut_parts), local.astype(_np.int64), len(keys),
                                     delta, seed)
         first_leaves = dict(zip(keys.tolist(), leaves))
     for i, n in enumerate(totals):
@@ -539,33 +581,39 @@ def _dataframe_module():
     return dd
 
 
-def _paired_partitions(values, by):
-    """[(values partition, keys partition)], and whether a task must check
-    that a pair has one length."""
+def _paired_partitions(values, by, weights):
+    """[(values, keys, weights or None) partitions], and whether a task must
+    check that they have one length."""
     dd = _dataframe_module()
     series = () if dd is None else (dd.Series,)
-    for what, x in (("values", values), ("keys", by)):
+    named = [("values", values), ("keys", by)] + ([] if weights is None else [("weights", weights)])
+    for what, x in named:
         if not isinstance(x, (_da.Array,) + series):
             raise TypeError(f"zotdigest.dask.digest_by: the {what} must be a dask.array.Array or "
                             f"a dask.dataframe.Series, not {type(x).__name__}")
         if isinstance(x, _da.Array) and x.ndim != 1:
             raise ValueError(f"zotdigest.dask.digest_by: the {what} must be 1-D, got {x.ndim} "
                              f"dimensions")
-    if isinstance(values, series) and isinstance(by, series) \
-            and values.npartitions == by.npartitions:
-        return list(zip(values.to_delayed(), by.to_delayed())), True
-    values, by = (x.to_dask_array(lengths=True) if isinstance(x, series) else x
-                  for x in (values, by))
-    if any(_np.isnan(c) for c in values.chunks[0]):
-        values = values.compute_chunk_sizes()
-    if any(_np.isnan(c) for c in by.chunks[0]):
-        by = by.compute_chunk_sizes()
-    if values.shape[0] != by.shape[0]:
-        raise ValueError(f"zotdigest.dask.digest_by: {by.shape[0]} keys for {values.shape[0]} "
-                         f"values")
-    if by.chunks != values.chunks:
-        by = by.rechunk(values.chunks)
-    return list(zip(values.to_delayed().ravel(), by.to_delayed().ravel())), False
+    columns = [x for _, x in named]
+    if all(isinstance(x, series) and x.npartitions == values.npartitions for x in columns):
+        parts, check = list(zip(*[x.to_delayed() for x in columns])), True
+    else:
+        arrays = []
+        for x in columns:
+            x = x.to_dask_array(lengths=True) if isinstance(x, series) else x
+            if any(_np.isnan(c) for c in x.chunks[0]):
+                x = x.compute_chunk_sizes()
+            arrays.append(x)
+        for (what, _), x in zip(named[1:], arrays[1:]):
+            if x.shape[0] != arrays[0].shape[0]:
+                raise ValueError(f"zotdigest.dask.digest_by: {x.shape[0]} {what} for "
+                                 f"{arrays[0].shape[0]} values")
+        arrays = [arrays[0]] + [x if x.chunks == arrays[0].chunks else x.rechunk(arrays[0].chunks)
+                                for x in arrays[1:]]
+        parts, check = list(zip(*[x.to_delayed().ravel() for x in arrays])), False
+    if weights is None:
+        parts = [(v, b, None) for v, b in parts]
+    return parts, check
 
 
 def _joined(indexes):
@@ -613,7 +661,7 @@ def _plan(stats, batch_count):
 
 def digest_by(data, by, on=None, *, weights=None, delta=100.0, seed=0):
     """digest_by(ddf, by="key column", on="value column", *, weights=None, delta=100.0, seed=0)
-    digest_by(values, by, *, ...)
+    digest_by(values, by, *, weights=None, ...)
 
     One reproducible digest per key of a Dask DataFrame's column `by`, over
     its column `on`; or of Dask arrays or Series `values` and `by` of one
@@ -625,22 +673,30 @@ def digest_by(data, by, on=None, *, weights=None, delta=100.0, seed=0):
     and arrays of different chunks, are aligned first (which computes
     their lengths).
 
-    Weights are not built here yet: giving them raises NotImplementedError.
+    `weights`: None, or whole numbers in [0, 2**64) of the values' length
+    (a column name with a DataFrame, else a Dask array or Series), their
+    sum under 2**64: the weighted build of zotdigest.digest_by. Every
+    partition checks its weights (ValueError or TypeError naming the
+    partition, the position and the problem) before the sum is checked
+    and any digest is built.
     """
     dd = _dataframe_module()
     if dd is not None and isinstance(data, dd.DataFrame):
         if on is None:
             raise ValueError("zotdigest.dask.digest_by: name the column of values with on=")
-        for what, name in (("on", on), ("by", by)):
+        for what, name in (("on", on), ("by", by), ("weights", weights)):
             if isinstance(name, str) and name not in data.columns:
                 raise KeyError(f"zotdigest.dask.digest_by: no column {name!r} for {what}; the "
                                f"columns are {list(data.columns)}")
-        data, by = data[on], (data[by] if isinstance(by, str) else by)
+        by = data[by] if isinstance(by, str) else by
+        weights = data[weights] if isinstance(weights, str) else weights
+        data = data[on]
     elif on is not None:
         raise TypeError(f"zotdigest.dask.digest_by: on= names a column of a Dask DataFrame; the "
                         f"values are a {type(data).__name__}")
-    if weights is not None:
-        raise NotImplementedError("zotdigest.dask.digest_by: weighted values are not supported yet")
+    elif isinstance(by, str) or isinstance(weights, str):
+        raise TypeError("zotdigest.dask.digest_by: by= and weights= name columns only of a Dask "
+                        "DataFrame")
     delta = _check_delta(delta)
     if isinstance(seed, bool) or not isinstance(seed, _numbers.Integral) or not 0 <= seed < _SEED_SPACE:
         raise ValueError("seed must be a whole number in [0, 2**32)")
@@ -649,23 +705,31 @@ def digest_by(data, by, on=None, *, weights=None, delta=100.0, seed=0):
     if isinstance(dtype, _np.dtype) and dtype not in _NUMERIC:
         raise TypeError(f"zotdigest.dask.digest_by: the values must be numbers (one of the ten "
                         f"numeric dtypes), got dtype {dtype}")
-    parts, check = _paired_partitions(data, by)
-    name = "zotdigest-by-" + _dask.base.tokenize(data, by, delta, seed, _BLOCK_SIZE)
+    who = "zotdigest.dask.digest_by"
+    weight_dtype = getattr(weights, "dtype", None)
+    if isinstance(weight_dtype, _np.dtype):
+        _checked_weights(_np.empty(0, dtype=weight_dtype), (0,), who)  # a dtype of no numbers
+    parts, check = _paired_partitions(data, by, weights)
+    name = "zotdigest-by-" + _dask.base.tokenize(data, by, weights, delta, seed, _BLOCK_SIZE)
 
     stats = _dask.compute(*[
-        _dask.delayed(_key_counts, pure=True)(b, v if check else None,
+        _dask.delayed(_key_counts, pure=True)(b, v if check else None, w,
+                                              "%s (partition %d)" % (who, i),
                                               dask_key_name="%s-keys-%d" % (name, i))
-        for i, (v, b) in enumerate(parts)
+        for i, (v, b, w) in enumerate(parts)
     ])
-    keys, totals, bounds, plans = _plan(list(stats), max(2, len(parts)))
+    if sum(total for _, _, total in stats) >= 2**64:
+        raise ValueError(f"{who}: the weights sum to more than 2**64 - 1")
+    keys, totals, bounds, plans = _plan([(k, c) for k, c, _ in stats], max(2, len(parts)))
     senders = [[] for _ in range(len(bounds) - 1)]
-    for i, ((v, b), (here, offsets, key_totals, batch_of, counts)) in enumerate(zip(parts, plans)):
+    for i, ((v, b, w), plan) in enumerate(zip(parts, plans)):
+        here, offsets, key_totals, batch_of, counts = plan
         present = counts > 0
         if not present.any():
             continue
         out = _dask.delayed(_partition_pieces, pure=True)(
-            v, b, (here, offsets, key_totals, batch_of), delta, seed,
-            dask_key_name="%s-pieces-%d" % (name, i))
+            v, b, w, (here, offsets, key_totals, batch_of), delta, seed,
+            "%s (partition %d)" % (who, i), dask_key_name="%s-pieces-%d" % (name, i))
         for batch in _np.unique(batch_of[present]):
             senders[batch].append(out[int(batch)])
     batches = [
