@@ -10,7 +10,7 @@ import pytest
 from digest_bits import saved as state
 
 import zotdigest
-from zotdigest import _core, _groups
+from zotdigest import _groups
 
 B = zotdigest.BLOCK_SIZE
 rng = np.random.default_rng(19)
@@ -170,16 +170,11 @@ def test_data_frames_and_bad_input():
         (lambda: zotdigest.digest_by(frame.latency, by="endpoint"), TypeError, "DataFrame"),
         (lambda: zotdigest.digest_by(np.ones((2, 2)), [1, 2]), ValueError, "1-D"),
     ]
-    for weights, error, message in [([1, -1, 0, 0], ValueError, "negative"),
-                                    ([1.5, 1, 1, 1], ValueError, "whole"),
-                                    ([np.nan, 1, 1, 1], ValueError, "not a finite number"),
-                                    ([np.inf, 1, 1, 1], ValueError, "not a finite number"),
-                                    ([1, 1], ValueError, "one weight per value"),
-                                    (np.array([2**63, 2**63, 0, 0], np.uint64), ValueError,
-                                     "sum to more than"),
-                                    (["1", "1", "1", "1"], TypeError, "whole numbers")]:
-        bad.append((lambda w=weights: zotdigest.digest_by(frame, by="endpoint", on="latency",
-                                                          weights=np.asarray(w)), error, message))
+    # The weights' own checks are tested with zotdigest.digest; one shows
+    # that digest_by applies them before any work.
+    bad.append((lambda: zotdigest.digest_by(frame, by="endpoint", on="latency",
+                                            weights=np.array([1, -1, 0, 0])), ValueError,
+                "negative"))
     for call, error, message in bad:
         with pytest.raises(error, match=message):
             call()

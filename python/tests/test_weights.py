@@ -7,7 +7,6 @@ import pytest
 from digest_bits import saved as state
 
 import zotdigest
-from zotdigest import _core
 
 B = zotdigest.BLOCK_SIZE
 
@@ -49,21 +48,6 @@ def test_ranks_within_the_unweighted_bound(pairs):
         at = cum[np.searchsorted(sx, v, "right") - 1] / total if v >= sx[0] else 0.0
         error = max(below - q, q - at, 0.0)
         assert error <= max(4 * q * (1 - q) / delta, 5 / total), q
-
-
-def test_grouped_digests_are_each_groups_digest(pairs):
-    x, w = pairs
-    codes = np.random.default_rng(1).integers(-1, 6, size=x.size)
-    for weights in (None, w):
-        digests = _core._grouped_digests(x.astype(np.float32), codes, 7, weights=weights, seed=3)
-        for g in (0, 5, 6):
-            mine = codes == g
-            expected = zotdigest.digest(
-                x.astype(np.float32)[mine], seed=3,
-                weights=None if weights is None else weights[mine])
-            assert state(digests[g]) == state(expected), g
-    with pytest.raises(ValueError, match="group code 6 at position"):
-        _core._grouped_digests(x, np.full(x.size, 6), 6)
 
 
 @pytest.mark.parametrize("weights, error, match", [
