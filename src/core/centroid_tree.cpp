@@ -322,7 +322,9 @@ CentroidTree::CentroidTree(CentroidTree&& other) noexcept
       pool_(std::move(other.pool_)),
       adopted_(std::exchange(other.adopted_, false)),
       countsFit_(std::exchange(other.countsFit_, true)),
-      meansOrdered_(std::exchange(other.meansOrdered_, true)) {}
+      meansOrdered_(std::exchange(other.meansOrdered_, true)) {
+  other.runs_.forgetAll();
+}
 
 CentroidTree& CentroidTree::operator=(CentroidTree&& other) noexcept {
   if (this != &other) {
@@ -335,6 +337,7 @@ CentroidTree& CentroidTree::operator=(CentroidTree&& other) noexcept {
     adopted_ = std::exchange(other.adopted_, false);
     countsFit_ = std::exchange(other.countsFit_, true);
     meansOrdered_ = std::exchange(other.meansOrdered_, true);
+    other.runs_.forgetAll();
   }
   return *this;
 }
@@ -531,6 +534,7 @@ CentroidNode* CentroidTree::insertAt(const Location& at, double mean, std::uint6
   }
   noteCountAdded(count);
   if (std::isnan(mean)) meansOrdered_ = false;
+  runs_.forget(mean);
   CentroidNode* node = pool_.make(mean, count);
   if (at.depth == 0) {
     root_ = node;
@@ -593,6 +597,7 @@ CentroidNode* CentroidTree::insert(double mean, std::uint64_t count) {
   // Placed by the means, a new node keeps them in order unless it is NaN.
   noteCountAdded(count);
   if (std::isnan(mean)) meansOrdered_ = false;
+  runs_.forget(mean);
   CentroidNode* node = pool_.make(mean, count);
   if (root_ == nullptr) {
     root_ = node;
@@ -630,6 +635,7 @@ void CentroidTree::updateCentroid(double x, std::uint64_t w, CentroidNode* node,
   noteCountAdded(w);
   node->count = grown;
   node->mean = grownMean;
+  runs_.grew(node, m, grownMean, w);
   carryCount(node, w);
   if (runFirst != runLast) {
     restoreOrder(node, m, grownMean, runFirst, runLast);
@@ -648,6 +654,7 @@ void CentroidTree::updateCentroid(double x, std::uint64_t w, CentroidNode* node,
   noteCountAdded(w);
   node->count = grown;
   node->mean = grownMean;
+  runs_.grew(node, m, grownMean, w);
   // Below and after are equally likely: told apart without a branch.
   const bool isBelow = node == at.below;
   const bool onPath = at.pathKnown & (isBelow | (node == at.after));
@@ -725,6 +732,8 @@ void CentroidTree::swapContents(CentroidNode* a, CentroidNode* b) {
 
 void CentroidTree::exchange(CentroidNode* a, CentroidNode* b) {
   if (a == b) return;
+  runs_.forget(a->mean);
+  runs_.forget(b->mean);
   const std::uint64_t countA = a->count;
   const std::uint64_t countB = b->count;
   std::swap(a->mean, b->mean);
@@ -771,6 +780,7 @@ void CentroidTree::clear() noexcept {
   const bool adopted = std::exchange(adopted_, false);
   countsFit_ = true;
   meansOrdered_ = true;
+  runs_.forgetAll();
   pool_.reset();
   // Only an adopted structure can hold nodes of its own allocation.
   if (!adopted || node == nullptr) return;

@@ -19,6 +19,8 @@
 #include <new>
 #include <vector>
 
+#include "core/equal_runs.h"
+
 namespace zotdigest {
 
 struct Centroid {
@@ -162,6 +164,11 @@ class CentroidTree {
   // adopted structure. Implies aggregatesExact().
   bool meansOrdered() const noexcept { return !adopted_ && meansOrdered_; }
 
+  // The runs of equal means indexed for add. The tree reports every change
+  // of mean, count or position to it; a copy or a moved tree starts with
+  // none.
+  EqualRuns& equalRuns() noexcept { return runs_; }
+
   // Where a descent parts the nodes: `before` is the last node in order for
   // which the test is false, `after` the first for which it is true (null
   // when there is none). `beforeUp` is previous(before) when before has no
@@ -266,6 +273,7 @@ class CentroidTree {
   bool adopted_ = false;
   bool countsFit_ = true;     // see runningCountsExact()
   bool meansOrdered_ = true;  // see meansOrdered()
+  EqualRuns runs_;
 };
 
 // Inline: the walks of the queries call it once per node.

@@ -39,12 +39,15 @@
 #include "core/tdigest.h"
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <cmath>
 #include <cstddef>
 #include <limits>
 #include <memory>
 #include <vector>
 
+#include "core/equal_runs.h"
 #include "host/errors.h"
 #include "quorix/random_stream.h"
 
@@ -60,6 +63,23 @@ struct Nesting {
   int compressDepth = 0;
   bool compressAbandoned = false;
 };
+
+// 1 / k, the probability with which the k-th eligible centroid replaces the
+// choice: a table for the common counts, the same quotients the division
+// gives.
+constexpr std::size_t kReciprocals = 256;
+constexpr std::array<double, kReciprocals> kReciprocalTable = [] {
+  std::array<double, kReciprocals> t{};
+  for (std::size_t k = 0; k < kReciprocals; ++k) t[k] = 1.0 / static_cast<double>(k + 1);
+  return t;
+}();
+
+// `seen` is a whole number of at least 1.
+double reciprocalOf(double seen) noexcept {
+  return seen <= static_cast<double>(kReciprocals)
+             ? kReciprocalTable[static_cast<std::size_t>(seen) - 1]
+             : 1.0 / seen;
+}
 
 quorix::RandomStream& streamOf(TDigest& digest) {
   if (digest.stream == nullptr) digest.stream = &quorix::RandomStream::defaultStream();
@@ -151,7 +171,7 @@ class Reservoir {
   // order up to the first one further than `reach` from x, none of them
   // with a mean below x (nor NaN); returns the last one offered. `treeTotal` is the sum of all
   // counts when the tree promises it (CentroidTree::runningCountsExact), else null. After
-  // expectLongRun().
+  // expectLongRun(). Counts the nodes offered into `offered`.
   //
   // This is the step a column of few distinct values repeats for hundreds
   // of centroids per add, so it is kept tight where the arithmetic allows:
@@ -162,7 +182,7 @@ class Reservoir {
   // the last (largest) one serves every node, which takes its computation
   // out of the loop.
   CentroidNode* offerRun(CentroidNode* node, std::uint64_t before, double x, double reach,
-                         const std::uint64_t* treeTotal) {
+                         const std::uint64_t* treeTotal, std::size_t& offered) {
     constexpr std::uint64_t kExact = std::uint64_t{1} << 53;
     if (!shortcut_ || w_ == 0 || treeTotal == nullptr || w_ >= kExact ||
         *treeTotal >= kExact - w_) {
@@ -171,6 +191,7 @@ class Reservoir {
         offer(node, before);
         before += node->count;
         last = node;
+        ++offered;
         node = node->following;
       } while (node != nullptr && !(std::fabs(node->mean - x) > reach));
       return last;
@@ -213,6 +234,7 @@ class Reservoir {
       }
       head += count;
       last = node;
+      ++offered;
       node = node->following;
       // No mean from here on is below x: its distance is mean - x.
     } while (node != nullptr && !(node->mean - x > reach));
@@ -234,7 +256,7 @@ class Reservoir {
     if (pendingCount_ == 1) {  // the usual case, kept out of the batch's loop
       pendingCount_ = 0;
       seen_ += 1.0;
-      if (1.0 / seen_ >= random_.uniform()) candidate_ = pending_[0];
+      if (reciprocalOf(seen_) >= random_.uniform()) candidate_ = pending_[0];
     } else if (pendingCount_ > 1) {
       draw();
     }
@@ -269,7 +291,7 @@ class Reservoir {
     random_.uniform(u, pendingCount_);
     for (std::size_t i = 0; i < pendingCount_; ++i) {
       seen_ += 1.0;
-      if (1.0 / seen_ >= u[i]) candidate_ = pending_[i];
+      if (reciprocalOf(seen_) >= u[i]) candidate_ = pending_[i];
     }
     pendingCount_ = 0;
   }
@@ -295,9 +317,9 @@ class Reservoir {
 // never decrease: the run's first node is settled by below and after
 // alone, and each later node can be offered as soon as it is reached. The
 // distances, the comparisons and the order of the offers are those of the
-// general walk.
-void addToOrdered(CentroidTree& tree, const CentroidTree::Location& at, double x, std::uint64_t w,
-                  Reservoir& reservoir) {
+// general walk. Returns how many nodes from `after` on were offered.
+std::size_t addToOrdered(CentroidTree& tree, const CentroidTree::Location& at, double x,
+                         std::uint64_t w, Reservoir& reservoir) {
   CentroidNode* const below = at.below;
   CentroidNode* const after = at.after;
   const double inf = std::numeric_limits<double>::infinity();
@@ -309,6 +331,7 @@ void addToOrdered(CentroidTree& tree, const CentroidTree::Location& at, double x
   const bool withAfter = after != nullptr && !(below != nullptr && dAfter > dBelow);
 
   CentroidNode* runLast = below;
+  std::size_t offered = 0;
   std::uint64_t before = below != nullptr ? at.belowHead : 0;
   if (below != nullptr) {
     if (withBelow) reservoir.offer(below, before);
@@ -318,12 +341,13 @@ void addToOrdered(CentroidTree& tree, const CentroidTree::Location& at, double x
     reservoir.offer(after, before);
     before += after->count;
     runLast = after;
+    offered = 1;
     CentroidNode* node = after->following;
     if (node != nullptr && !(std::fabs(node->mean - x) > dAfter)) {
       reservoir.expectLongRun();
       const std::uint64_t total = tree.root()->subtreeCount;
-      runLast =
-          reservoir.offerRun(node, before, x, dAfter, tree.runningCountsExact() ? &total : nullptr);
+      runLast = reservoir.offerRun(node, before, x, dAfter,
+                                   tree.runningCountsExact() ? &total : nullptr, offered);
     }
   }
 
@@ -333,6 +357,133 @@ void addToOrdered(CentroidTree& tree, const CentroidTree::Location& at, double x
   } else {
     tree.insertAt(at, x, w);
   }
+  return offered;
+}
+
+// The add of an x equal to the mean of `at.after`, on an ordered tree, from
+// the index of that run of equal means (EqualRuns). The nearest run is then
+// exactly the nodes of mean x: below, if any, is further away. Returns
+// false, having done nothing, where the index does not serve: the run is
+// not indexed (addValue indexes it after walking it whole, if long), or
+// counts, weights or a delta for which its arithmetic is not exact.
+//
+// The offers are those of the walk, in the same order, with the same
+// draws: a centroid is passed over only where its note proves the walk's
+// test false (see EqualRun). Every other one is tested as the walk tests it
+// (the reciprocal form where that is safely far from the threshold, else
+// the exact form), and the note of an ineligible one is renewed from that
+// test. The note's margins:
+//  - `slack` covers the reciprocal form's distance from the exact value;
+//  - `margin` covers the rounding of any later exact test while the total
+//    stays below 64 times today's, where every note expires (`horizon`);
+//  - a factor just under 1 covers the rounding of the note itself.
+bool addToEqualRun(TDigest& digest, const CentroidTree::Location& at, double x, std::uint64_t w) {
+  CentroidTree& tree = digest.tree;
+  constexpr std::uint64_t kExact = std::uint64_t{1} << 53;
+  const std::uint64_t total = digest.totalWeight;
+  if (w == 0 || total == 0 || total >= kExact - w || !tree.runningCountsExact() ||
+      total != tree.root()->subtreeCount) {
+    return false;
+  }
+  const double delta = digest.delta;
+  const double inverseDelta = 1.0 / delta;
+  if (!(delta > 0.0) || !(inverseDelta >= std::numeric_limits<double>::min()) ||
+      !(inverseDelta < std::numeric_limits<double>::infinity())) {
+    return false;
+  }
+
+  // Every count and head sum below is a whole number under 2^53: exact.
+  const double s = toDouble(total);
+  EqualRun* run = tree.equalRuns().find(x);
+  if (run == nullptr || run->nodes.front() != at.after) return false;
+  // Notes are relative to a base, so that floats hold them exactly for a
+  // long while; they are simply dropped when the base moves.
+  if (!(run->delta == delta) || s - run->base >= 0x1p22) run->resetNotes(delta, s);
+
+  quorix::RandomStream& random = streamOf(digest);
+  const double w1 = toDouble(w);
+  const double base = at.below != nullptr ? toDouble(at.belowHead + at.below->count) : 0.0;
+  const double inverseTotal = 1.0 / s;
+  const double fourTotal = toDouble(UINT64_C(4) * total);
+  const double scale = fourTotal * inverseDelta;
+  const double spread = 1.0 + s * inverseTotal;
+  const double slack = scale * 0x1p-46 * (spread * spread);
+  const double margin = scale * 0x1p-44;
+  // The notes count from the run's base and are scaled down by kDown, so
+  // that neither the rounding here nor the float they are stored in can
+  // carry one past the total it stands for.
+  constexpr double kDown = 1.0 - 0x1p-20;
+  const double since = s - run->base;
+  const double sinceDown = since * kDown;
+  const double rateDown = delta * 0.25 * kDown;
+  const double horizonDown = (s * 64.0 - run->base) * kDown;
+  // count + 1 - (bound + slack + margin), from bound - need.
+  const double gapFrom = (1.0 - w1) - (slack + margin);
+  // The total past the base, rounded up to a float: a note below it is
+  // certainly below the total.
+  float sinceUp = static_cast<float>(since);
+  if (static_cast<double>(sinceUp) < since) {
+    sinceUp = std::nextafter(sinceUp, std::numeric_limits<float>::infinity());
+  }
+
+  const double* count = run->count.data();
+  const double* before = run->before.data();
+  float* recheckAt = run->recheckAt.data();
+  std::uint32_t* order = run->scratch.data();
+  const std::size_t open = run->listOpen(sinceUp);
+
+  // The eligible ones, in order, written over the same list. The outcome
+  // of each test is as good as random, so none steers a branch; only the
+  // rare test too close to call with the reciprocals does.
+  std::size_t eligible = 0;
+  for (std::size_t k = 0; k < open; ++k) {
+    const std::uint32_t i = order[k];
+    const double c = count[i];
+    const double need = c + w1;
+    const double half = c * 0.5 + (base + before[i]);
+    const double q = half * inverseTotal;
+    const double bound = scale * q * (1.0 - q);
+    const double over = bound - need;
+    bool take = over >= slack;
+    if (!take && !(over < -slack)) [[unlikely]] {
+      const double exactQ = half / s;
+      take = fourTotal * exactQ * (1.0 - exactQ) / delta >= need;
+    }
+    // The note of an ineligible centroid; one at or below today's total
+    // (no gap) just leaves it open, and an eligible one is left open (0).
+    const double gap = gapFrom - over;
+    const auto note = static_cast<float>(std::min(sinceDown + gap * rateDown, horizonDown));
+    const std::uint32_t keep = std::uint32_t{take} - 1u;
+    recheckAt[i] = std::bit_cast<float>(std::bit_cast<std::uint32_t>(note) & keep);
+    order[eligible] = i;
+    eligible += take ? 1 : 0;
+  }
+
+  // One draw per eligible centroid, in order: the k-th replaces the choice
+  // with probability 1/k.
+  std::ptrdiff_t chosen = -1;
+  double seen = 0.0;
+  constexpr std::size_t kBatch = 64;
+  double u[kBatch];
+  for (std::size_t k = 0; k < eligible; k += kBatch) {
+    const std::size_t batch = std::min(kBatch, eligible - k);
+    random.uniform(u, batch);
+    for (std::size_t j = 0; j < batch; ++j) {
+      seen += 1.0;
+      const auto hit = static_cast<std::ptrdiff_t>(reciprocalOf(seen) >= u[j]);
+      const std::ptrdiff_t mask = -hit;
+      chosen = (static_cast<std::ptrdiff_t>(order[k + j]) & mask) | (chosen & ~mask);
+    }
+  }
+
+  if (chosen >= 0) {
+    run->growing = chosen;
+    tree.updateCentroid(x, w, run->nodes[static_cast<std::size_t>(chosen)], run->nodes.front(),
+                        run->nodes.back(), at);
+  } else {
+    tree.insertAt(at, x, w);
+  }
+  return true;
 }
 
 void addValue(TDigest& digest, double x, std::uint64_t w, Nesting& nesting) {
@@ -345,8 +496,17 @@ void addValue(TDigest& digest, double x, std::uint64_t w, Nesting& nesting) {
   if (start == nullptr) {
     tree.insertAt(at, x, w);
   } else if (tree.meansOrdered() && std::isfinite(x)) {
-    Reservoir reservoir(digest, w);
-    addToOrdered(tree, at, x, w, reservoir);
+    CentroidNode* const after = at.after;
+    const bool onMean = after != nullptr && after->mean == x;
+    if (!onMean || !addToEqualRun(digest, at, x, w)) {
+      Reservoir reservoir(digest, w);
+      const std::size_t offered = addToOrdered(tree, at, x, w, reservoir);
+      // A long run of this very mean is indexed for the adds to come
+      // (unless the add just moved the first node's values away).
+      if (onMean && offered >= EqualRuns::kMinIndexed && after->mean == x) {
+        tree.equalRuns().index(after, x);
+      }
+    }
   } else {
     // The run of centroids nearest to x, walking forward from start, with
     // the head sum of each node walked.
