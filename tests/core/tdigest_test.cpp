@@ -223,6 +223,35 @@ TEST_P(TDigestModel, tree_digest_matches_a_sorted_vector_bit_for_bit) {
   EXPECT_EQ(s.stream->uniform(), twin->uniform());
 }
 
+// A column of few distinct values: long runs of equal means, two
+// spellings of zero, a value halfway between two runs, heavy weights, a
+// new delta and a compression midway. (Dyadic values: every grown mean is
+// exact, so the means stay in order, which the model needs.)
+TEST_P(TDigestModel, few_distinct_values_match_the_sorted_vector_bit_for_bit) {
+  const double delta = GetParam();
+  SeededDigest s(53, delta);
+  auto twin = seededStream(53);
+  VectorModel model{delta, twin.get(), 0, {}};
+  auto values = seededStream(54);
+  const double kValues[] = {0.0, 1.0, 0.25, 0.5, -0.0};
+  for (int i = 1; i <= 20000; ++i) {
+    const double x = i % 97 == 0 ? 0.375 : kValues[static_cast<int>(values->uniform() * 5.0)];
+    const std::uint64_t w = i % 50 == 0 ? 40 : 1;
+    s.digest.add(x, w);
+    model.add(x, w);
+    if (i == 10000) s.digest.delta = model.delta = delta * 2.0;
+    if (i == 15000) {
+      s.digest.compress();
+      model.compress();
+    }
+  }
+  TDigest mine = testing::digestOf(model.c);
+  mine.totalWeight = model.total;
+  expectIdentical(s.digest, mine);
+  expectValidTree(s.digest.tree);
+  EXPECT_EQ(s.stream->uniform(), twin->uniform());
+}
+
 INSTANTIATE_TEST_SUITE_P(Deltas, TDigestModel, ::testing::Values(2.0, 5.0, 10.0, 100.0));
 
 // Whole-digest fingerprints: a hash over every centroid's mean bits and
