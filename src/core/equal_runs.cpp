@@ -9,6 +9,7 @@
 #include <limits>
 
 #include "core/centroid_tree.h"
+#include "quorix/random_stream.h"
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -40,9 +41,18 @@ void EqualRun::resetNotes(double newDelta, double total) {
   delta = newDelta;
   base = total;
   recheckAt.assign(nodes.size(), 0.0f);
+  listedCount = 0;
 }
 
-std::size_t EqualRun::listOpen(float sinceBase) noexcept {
+void EqualRun::unlist() noexcept {
+  for (std::size_t k = 0; k < listedCount; ++k) recheckAt[listed[k]] = 0.0f;
+  listedCount = 0;
+}
+
+std::size_t EqualRun::listOpen(float sinceBase, quorix::UniformCursor& cursor,
+                               std::size_t ahead) noexcept {
+  double* drawn = draws.data();
+  std::size_t made = 0;
   const float* notes = recheckAt.data();
   std::uint32_t* out = scratch.data();
   const std::size_t n = recheckAt.size();
@@ -74,12 +84,15 @@ std::size_t EqualRun::listOpen(float sinceBase) noexcept {
     const __m128i at = _mm_add_epi32(_mm_set1_epi32(static_cast<std::int32_t>(i)), lanes);
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out + open), at);
     open += packed.count;
+    if (made < ahead) drawn[made++] = cursor.next();
   }
 #endif
   for (; i < n; ++i) {
     out[open] = static_cast<std::uint32_t>(i);
     open += notes[i] <= sinceBase ? 1 : 0;
+    if (made < ahead) drawn[made++] = cursor.next();
   }
+  for (; made < ahead; ++made) drawn[made] = cursor.next();
   return open;
 }
 
@@ -142,6 +155,10 @@ EqualRun& EqualRuns::index(CentroidNode* first, double mean) {
   run.growing = -1;
   run.lastUse = ++uses_;
   run.scratch.resize(run.nodes.size() + 4);
+  run.eligible.resize(run.nodes.size());
+  run.listed.resize(run.nodes.size());
+  run.merged.resize(run.nodes.size());
+  run.draws.resize(run.nodes.size());
   // No delta compares equal to NaN: the first add sets the notes up.
   run.resetNotes(std::numeric_limits<double>::quiet_NaN(), 0.0);
   run.live = true;

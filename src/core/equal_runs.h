@@ -25,6 +25,10 @@
 #include <memory>
 #include <vector>
 
+namespace quorix {
+class UniformCursor;
+}
+
 namespace zotdigest {
 
 struct CentroidNode;
@@ -38,32 +42,54 @@ struct CentroidNode;
 // whenever it is used). While a centroid's count stays the same the rest
 // of the tree only gains weight, before it or after it, so its bound
 // 4 S q (1 - q) / delta never decreases, and it grows by at most 4 / delta
-// per unit of weight gained. A centroid found ineligible for count + 1,
-// with its bound (count + 1 - bound) short, therefore stays ineligible for
-// any weight until S has grown by (count + 1 - bound) x delta / 4.
-// `recheckAt[i]` holds that S (less margins for rounding), relative to
-// `base`, as a float rounded down; 0 means the centroid must be tested.
+// per unit of weight gained. Hence two kinds of note:
+//  - a centroid found ineligible for count + 1, its bound short by
+//    (count + 1 - bound), stays ineligible for any weight until S has grown
+//    by (count + 1 - bound) x delta / 4: `recheckAt[i]` holds that S (less
+//    margins for rounding), relative to `base`, as a float rounded down;
+//  - a centroid found eligible stays eligible for any weight up to its
+//    room (a lower bound of bound - count, less the rounding of later
+//    tests) while S stays below a horizon: it is `listed`, and its
+//    recheckAt is kListed.
+// A recheckAt of 0 means the centroid must be tested.
 struct EqualRun {
+  static constexpr float kListed = 3.0e38f;
+
   double mean = 0.0;
   bool live = false;  // false: the slot holds nothing
   std::vector<CentroidNode*> nodes;
   std::vector<double> count;
   std::vector<double> before;  // sum of the counts of the run's earlier nodes
-  double delta = 0.0;          // the delta recheckAt was worked out for; NaN: none
+  double delta = 0.0;          // the delta the notes were worked out for; NaN: none
   double base = 0.0;           // the total recheckAt counts from
   std::vector<float> recheckAt;
-  // Room for the add's list of centroids to test, with slack for writes
-  // four at a time.
+  std::vector<std::uint32_t> listed;  // in order, the first listedCount
+  std::size_t listedCount = 0;
+  // Every listed centroid stays eligible for weights up to listRoom while
+  // S stays below listUntil (the least of their rooms and untils).
+  double listRoom = 0.0;
+  double listUntil = 0.0;
+  // Working space of one add, one entry per node (and four more, for
+  // writes four at a time): the centroids to test, the eligible ones,
+  // their draws.
   std::vector<std::uint32_t> scratch;
+  std::vector<std::uint32_t> eligible;
+  std::vector<std::uint32_t> merged;
+  std::vector<double> draws;
   // The node the add in progress is about to grow, or -1.
   std::ptrdiff_t growing = -1;
   std::uint64_t lastUse = 0;  // for the choice of which run to replace
 
   // Forgets what was learnt; `total` becomes the base.
   void resetNotes(double newDelta, double total);
+  // Sends every listed centroid back to be tested.
+  void unlist() noexcept;
   // Lists in `scratch`, in order, the centroids not known to be ineligible
-  // at the total `sinceBase` past the base (rounded up); returns how many.
-  std::size_t listOpen(float sinceBase) noexcept;
+  // or listed at the total `sinceBase` past the base (rounded up); returns
+  // how many. Meanwhile makes the first `ahead` draws of `cursor` into
+  // `draws`, so that the generator's steps, each waiting on the one before,
+  // overlap the scan.
+  std::size_t listOpen(float sinceBase, quorix::UniformCursor& cursor, std::size_t ahead) noexcept;
 };
 
 class EqualRuns {

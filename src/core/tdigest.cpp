@@ -80,6 +80,9 @@ double reciprocalOf(double seen) noexcept {
              ? kReciprocalTable[static_cast<std::size_t>(seen) - 1]
              : 1.0 / seen;
 }
+double reciprocalOf(std::size_t seen) noexcept {
+  return seen <= kReciprocals ? kReciprocalTable[seen - 1] : 1.0 / static_cast<double>(seen);
+}
 
 quorix::RandomStream& streamOf(TDigest& digest) {
   if (digest.stream == nullptr) digest.stream = &quorix::RandomStream::defaultStream();
@@ -369,14 +372,17 @@ std::size_t addToOrdered(CentroidTree& tree, const CentroidTree::Location& at, d
 //
 // The offers are those of the walk, in the same order, with the same
 // draws: a centroid is passed over only where its note proves the walk's
-// test false (see EqualRun). Every other one is tested as the walk tests it
-// (the reciprocal form where that is safely far from the threshold, else
-// the exact form), and the note of an ineligible one is renewed from that
-// test. The note's margins:
+// test false, and taken untested only where its note proves it true (see
+// EqualRun). Every other one is tested as the walk tests it (the
+// reciprocal form where that is safely far from the threshold, else the
+// exact form), and its note is renewed from that test. The notes' margins:
 //  - `slack` covers the reciprocal form's distance from the exact value;
 //  - `margin` covers the rounding of any later exact test while the total
 //    stays below 64 times today's, where every note expires (`horizon`);
 //  - a factor just under 1 covers the rounding of the note itself.
+// The listed centroids' draws are made while the run is scanned, and the
+// rest once the new eligible ones are known: the same values in the same
+// order as one draw per centroid.
 bool addToEqualRun(TDigest& digest, const CentroidTree::Location& at, double x, std::uint64_t w) {
   CentroidTree& tree = digest.tree;
   constexpr std::uint64_t kExact = std::uint64_t{1} << 53;
@@ -399,9 +405,9 @@ bool addToEqualRun(TDigest& digest, const CentroidTree::Location& at, double x, 
   // Notes are relative to a base, so that floats hold them exactly for a
   // long while; they are simply dropped when the base moves.
   if (!(run->delta == delta) || s - run->base >= 0x1p22) run->resetNotes(delta, s);
-
-  quorix::RandomStream& random = streamOf(digest);
   const double w1 = toDouble(w);
+  if (run->listedCount != 0 && (w1 > run->listRoom || s >= run->listUntil)) run->unlist();
+
   const double base = at.below != nullptr ? toDouble(at.belowHead + at.below->count) : 0.0;
   const double inverseTotal = 1.0 / s;
   const double fourTotal = toDouble(UINT64_C(4) * total);
@@ -409,16 +415,20 @@ bool addToEqualRun(TDigest& digest, const CentroidTree::Location& at, double x, 
   const double spread = 1.0 + s * inverseTotal;
   const double slack = scale * 0x1p-46 * (spread * spread);
   const double margin = scale * 0x1p-44;
-  // The notes count from the run's base and are scaled down by kDown, so
-  // that neither the rounding here nor the float they are stored in can
-  // carry one past the total it stands for.
+  const double horizon = s * 64.0;
+  // The notes of ineligible centroids count from the run's base and are
+  // scaled down by kDown, so that neither the rounding here nor the float
+  // they are stored in can carry one past the total it stands for.
   constexpr double kDown = 1.0 - 0x1p-20;
   const double since = s - run->base;
   const double sinceDown = since * kDown;
   const double rateDown = delta * 0.25 * kDown;
-  const double horizonDown = (s * 64.0 - run->base) * kDown;
+  const double horizonDown = (horizon - run->base) * kDown;
   // count + 1 - (bound + slack + margin), from bound - need.
   const double gapFrom = (1.0 - w1) - (slack + margin);
+  // The room of an eligible one: bound - slack - margin - count, from
+  // bound - need.
+  const double roomFrom = w1 - (slack + margin);
   // The total past the base, rounded up to a float: a note below it is
   // certainly below the total.
   float sinceUp = static_cast<float>(since);
@@ -430,12 +440,19 @@ bool addToEqualRun(TDigest& digest, const CentroidTree::Location& at, double x, 
   const double* before = run->before.data();
   float* recheckAt = run->recheckAt.data();
   std::uint32_t* order = run->scratch.data();
-  const std::size_t open = run->listOpen(sinceUp);
+  const std::size_t listed = run->listedCount;
+  if (listed == 0) {
+    run->listRoom = std::numeric_limits<double>::infinity();
+    run->listUntil = std::numeric_limits<double>::infinity();
+  }
+  double listRoom = run->listRoom;
+  quorix::UniformCursor cursor(streamOf(digest));
+  const std::size_t open = run->listOpen(sinceUp, cursor, listed);
 
-  // The eligible ones, in order, written over the same list. The outcome
-  // of each test is as good as random, so none steers a branch; only the
-  // rare test too close to call with the reciprocals does.
-  std::size_t eligible = 0;
+  // The newly eligible ones, in order, written over the same list. The
+  // outcome of each test is as good as random, so none steers a branch;
+  // only the rare test too close to call with the reciprocals does.
+  std::size_t fresh = 0;
   for (std::size_t k = 0; k < open; ++k) {
     const std::uint32_t i = order[k];
     const double c = count[i];
@@ -449,37 +466,79 @@ bool addToEqualRun(TDigest& digest, const CentroidTree::Location& at, double x, 
       const double exactQ = half / s;
       take = fourTotal * exactQ * (1.0 - exactQ) / delta >= need;
     }
-    // The note of an ineligible centroid; one at or below today's total
-    // (no gap) just leaves it open, and an eligible one is left open (0).
+    // An eligible one is listed if its room covers this weight (else it is
+    // left to be tested, 0); an ineligible one gets its note, which at or
+    // below today's total (no gap) just leaves it to be tested.
     const double gap = gapFrom - over;
     const auto note = static_cast<float>(std::min(sinceDown + gap * rateDown, horizonDown));
-    const std::uint32_t keep = std::uint32_t{take} - 1u;
-    recheckAt[i] = std::bit_cast<float>(std::bit_cast<std::uint32_t>(note) & keep);
-    order[eligible] = i;
-    eligible += take ? 1 : 0;
+    const double roomNow = roomFrom + over;
+    const bool listable = take && roomNow >= w1;
+    recheckAt[i] = listable ? EqualRun::kListed : take ? 0.0f : note;
+    listRoom = listable ? std::min(listRoom, roomNow) : listRoom;
+    order[fresh] = i;
+    fresh += take ? 1 : 0;
   }
 
-  // One draw per eligible centroid, in order: the k-th replaces the choice
-  // with probability 1/k.
+  run->listRoom = listRoom;
+
+  // All eligible ones in order: the listed and the fresh, merged; and the
+  // new list, the listed and those of the fresh that are listed now.
+  std::uint32_t* eligible = run->eligible.data();
+  std::uint32_t* list = run->listed.data();
+  std::size_t n = 0;
+  std::size_t kept = listed;
+  if (fresh != 0) {
+    std::uint32_t* merged = run->merged.data();
+    std::size_t a = 0;
+    kept = 0;
+    for (std::size_t b = 0; b < fresh; ++b) {
+      const std::uint32_t i = order[b];
+      while (a < listed && list[a] < i) {
+        eligible[n++] = list[a];
+        merged[kept++] = list[a++];
+      }
+      eligible[n++] = i;
+      merged[kept] = i;
+      kept += recheckAt[i] == EqualRun::kListed ? 1 : 0;
+      run->listUntil = std::min(run->listUntil, horizon);
+    }
+    for (; a < listed; ++a) {
+      eligible[n++] = list[a];
+      merged[kept++] = list[a];
+    }
+    run->listed.swap(run->merged);
+    list = run->listed.data();
+  } else {
+    std::copy(list, list + listed, eligible);
+    n = listed;
+  }
+  run->listedCount = kept;
+  double* u = run->draws.data();
+  for (std::size_t k = listed; k < n; ++k) u[k] = cursor.next();
+  cursor.finish();
+
+  // The k-th eligible centroid replaces the choice with probability 1/k.
   std::ptrdiff_t chosen = -1;
-  double seen = 0.0;
-  constexpr std::size_t kBatch = 64;
-  double u[kBatch];
-  for (std::size_t k = 0; k < eligible; k += kBatch) {
-    const std::size_t batch = std::min(kBatch, eligible - k);
-    random.uniform(u, batch);
-    for (std::size_t j = 0; j < batch; ++j) {
-      seen += 1.0;
-      const auto hit = static_cast<std::ptrdiff_t>(reciprocalOf(seen) >= u[j]);
-      const std::ptrdiff_t mask = -hit;
-      chosen = (static_cast<std::ptrdiff_t>(order[k + j]) & mask) | (chosen & ~mask);
+  for (std::size_t k = 0; k < n; ++k) {
+    const auto hit = static_cast<std::ptrdiff_t>(reciprocalOf(k + 1) >= u[k]);
+    const std::ptrdiff_t mask = -hit;
+    chosen = (static_cast<std::ptrdiff_t>(eligible[k]) & mask) | (chosen & ~mask);
+  }
+  // The chosen one grows: it leaves the list, to be tested next time.
+  if (chosen >= 0) {
+    std::uint32_t* end = list + kept;
+    std::uint32_t* at = std::lower_bound(list, end, static_cast<std::uint32_t>(chosen));
+    if (at != end && *at == static_cast<std::uint32_t>(chosen)) {
+      std::copy(at + 1, end, at);
+      --run->listedCount;
     }
   }
 
   if (chosen >= 0) {
+    const auto j = static_cast<std::size_t>(chosen);
+    recheckAt[j] = 0.0f;  // its count changes: tested again next time
     run->growing = chosen;
-    tree.updateCentroid(x, w, run->nodes[static_cast<std::size_t>(chosen)], run->nodes.front(),
-                        run->nodes.back(), at);
+    tree.updateCentroid(x, w, run->nodes[j], run->nodes.front(), run->nodes.back(), at);
   } else {
     tree.insertAt(at, x, w);
   }

@@ -109,6 +109,24 @@ TEST(RandomStream, substream_selection_and_reset_move_to_their_starts) {
   for (int i = 0; i < 3; ++i) EXPECT_EQ(s->uniform(), twin->uniform());
 }
 
+// Batches of every length (the loop takes three steps a turn) and a cursor
+// draw the same sequence as single draws, and leave the stream where they
+// would.
+TEST(RandomStream, batches_and_cursors_draw_the_single_draws_sequence) {
+  auto s = seededStream(5);
+  auto twin = seededStream(5);
+  double batch[8];
+  for (std::size_t n = 0; n <= 8; ++n) {
+    s->uniform(batch, n);
+    for (std::size_t i = 0; i < n; ++i) EXPECT_EQ(batch[i], twin->uniform()) << n;
+    {
+      quorix::UniformCursor cursor(*s);
+      for (std::size_t i = 0; i < n; ++i) EXPECT_EQ(cursor.next(), twin->uniform()) << n;
+    }
+    EXPECT_EQ(s->uniform(), twin->uniform()) << n;
+  }
+}
+
 // P = 1..n, swap P[i] with P[i + floor(u (n - i))] for i = 0 .. k-1; a full
 // permutation skips its last position.
 std::vector<double> referencePermutation(RandomStream& s, std::size_t k, std::size_t n) {
