@@ -483,31 +483,29 @@ CentroidTree::Split CentroidTree::split(GoesLeft goesLeft) const noexcept {
 }
 
 CentroidTree::Split CentroidTree::splitAboveMean(double x) const noexcept {
-  // The test reads no count, so the head sum is carried as in locate(),
-  // from the subtree counts on the path alone: no child off the path is
-  // read. The descent falls off just before `after`, whose head sum is
-  // that of the empty slot it ends in.
-  Split s;
-  std::uint64_t right = 0;  // all ones after a right turn
-  std::uint64_t start = 0;  // counts before the subtree of the node at hand
-  std::uint64_t above = 0;  // subtree count of the node passed before it
-  for (const CentroidNode* node = root_; node != nullptr;) {
-    const std::uint64_t total = node->subtreeCount;
-    start += right & (above - total);
-    above = total;
+  // The test reads no count, and the head sum needs no child off the path:
+  // a right turn at a node passes its count and its left subtree, that is
+  // its subtree less its right child's, and the right child is the next
+  // node on the path. Left turns pass nothing. The descent falls off just
+  // before `after`, whose head sum is all that the right turns passed.
+  const CentroidNode* before = nullptr;
+  const CentroidNode* beforeUp = nullptr;
+  const CentroidNode* after = nullptr;
+  std::uint64_t head = 0;
+  const CentroidNode* node = root_;
+  while (node != nullptr) {
     if (node->mean > x) {
-      s.after = node;
-      right = 0;
+      after = node;
       node = node->left;
     } else {
-      s.beforeUp = s.before;
-      s.before = node;
-      right = ~std::uint64_t{0};
+      beforeUp = before;
+      before = node;
+      head += node->subtreeCount;
       node = node->right;
+      if (node != nullptr) head -= node->subtreeCount;
     }
   }
-  s.afterHead = start + (right & above);
-  return s;
+  return Split{before, beforeUp, after, head};
 }
 
 CentroidTree::Split CentroidTree::splitAboveRunning(double target) const noexcept {
