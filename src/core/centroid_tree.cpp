@@ -339,12 +339,6 @@ CentroidTree& CentroidTree::operator=(CentroidTree&& other) noexcept {
   return *this;
 }
 
-CentroidNode* CentroidTree::first() const noexcept {
-  return adopted_ ? descendFirst(root_) : first_;
-}
-
-CentroidNode* CentroidTree::last() const noexcept { return adopted_ ? descendLast(root_) : last_; }
-
 void CentroidTree::noteEnds(CentroidNode* node) noexcept {
   if (first_ == nullptr || (node->parent == first_ && first_->left == node)) first_ = node;
   if (last_ == nullptr || (node->parent == last_ && last_->right == node)) last_ = node;
@@ -482,43 +476,9 @@ CentroidTree::Split CentroidTree::split(GoesLeft goesLeft) const noexcept {
   return s;
 }
 
-CentroidTree::Split CentroidTree::splitAboveMean(double x) const noexcept {
-  // The test reads no count, and the head sum needs no child off the path:
-  // a right turn at a node passes its count and its left subtree, that is
-  // its subtree less its right child's, and the right child is the next
-  // node on the path. Left turns pass nothing. The descent falls off just
-  // before `after`, whose head sum is all that the right turns passed.
-  const CentroidNode* before = nullptr;
-  const CentroidNode* beforeUp = nullptr;
-  const CentroidNode* after = nullptr;
-  std::uint64_t head = 0;
-  const CentroidNode* node = root_;
-  while (node != nullptr) {
-    if (node->mean > x) {
-      after = node;
-      node = node->left;
-    } else {
-      beforeUp = before;
-      before = node;
-      head += node->subtreeCount;
-      node = node->right;
-      if (node != nullptr) head -= node->subtreeCount;
-    }
-  }
-  return Split{before, beforeUp, after, head};
-}
-
 CentroidTree::Split CentroidTree::splitAboveRunning(double target) const noexcept {
   return split(
       [target](const CentroidNode*, std::uint64_t through) { return toDouble(through) > target; });
-}
-
-const CentroidNode* CentroidTree::previousOfBefore(const Split& s) noexcept {
-  return s.before->left != nullptr ? descendLast(s.before->left) : s.beforeUp;
-}
-
-const CentroidNode* CentroidTree::nextOfAfter(const Split& s) noexcept {
-  return s.after->following;
 }
 
 CentroidNode* CentroidTree::insertAt(const Location& at, double mean, std::uint64_t count) {
