@@ -286,8 +286,8 @@ inline CentroidNode* CentroidTree::next(const CentroidNode* node) noexcept {
 }
 
 // Inline too, with the descent below: a scalar cdf reads both ends and
-// makes one descent, and the calls (with the record returned through
-// memory) cost as much as the descent's own work.
+// makes one descent, and as calls (the descent's record returned through
+// memory) they cost more than the work they do.
 inline CentroidNode* CentroidTree::first() const noexcept {
   if (!adopted_) return first_;
   CentroidNode* node = root_;
