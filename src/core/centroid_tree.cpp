@@ -180,6 +180,27 @@ CentroidNode* childToward(const CentroidNode* node, double x, std::uint64_t& goe
 #endif
 }
 
+// The largest count n with toDouble(n) not above `target`, so that
+// toDouble(n) > target exactly when n is above it (the conversion never
+// decreases); the largest count when nothing converts above the target
+// (NaN, or 2^64 and more). The target must not be below -0.0.
+std::uint64_t lastNotAbove(double target) noexcept {
+  constexpr double kTwoTo53 = 9007199254740992.0;
+  constexpr double kTwoTo64 = 18446744073709551616.0;
+  if (!(target < kTwoTo64)) return std::numeric_limits<std::uint64_t>::max();
+  const auto whole = static_cast<std::uint64_t>(target);
+  // Below 2^53 every count up to the target's floor converts exactly, and
+  // the next one to more than the target.
+  if (target < kTwoTo53) return whole;
+  // From there on the target is whole, and the counts up to half way to the
+  // next double round down to it; the one half way rounds to the even one
+  // of the two. (The next double is the next bit pattern: the target is
+  // positive and finite.)
+  const double next = std::bit_cast<double>(std::bit_cast<std::uint64_t>(target) + 1);
+  const std::uint64_t halfway = whole + static_cast<std::uint64_t>((next - target) * 0.5);
+  return toDouble(halfway) > target ? halfway - 1 : halfway;
+}
+
 // Adds a wrapping difference to the subtree count of node and of every
 // ancestor.
 void addOnPathToRoot(CentroidNode* node, std::uint64_t delta) noexcept {
@@ -342,12 +363,6 @@ CentroidTree& CentroidTree::operator=(CentroidTree&& other) noexcept {
   return *this;
 }
 
-CentroidNode* CentroidTree::first() const noexcept {
-  return adopted_ ? descendFirst(root_) : first_;
-}
-
-CentroidNode* CentroidTree::last() const noexcept { return adopted_ ? descendLast(root_) : last_; }
-
 void CentroidTree::noteEnds(CentroidNode* node) noexcept {
   if (first_ == nullptr || (node->parent == first_ && first_->left == node)) first_ = node;
   if (last_ == nullptr || (node->parent == last_ && last_->right == node)) last_ = node;
@@ -485,45 +500,11 @@ CentroidTree::Split CentroidTree::split(GoesLeft goesLeft) const noexcept {
   return s;
 }
 
-CentroidTree::Split CentroidTree::splitAboveMean(double x) const noexcept {
-  // The test reads no count, so the head sum is carried as in locate(),
-  // from the subtree counts on the path alone: no child off the path is
-  // read. The descent falls off just before `after`, whose head sum is
-  // that of the empty slot it ends in.
-  Split s;
-  std::uint64_t right = 0;  // all ones after a right turn
-  std::uint64_t start = 0;  // counts before the subtree of the node at hand
-  std::uint64_t above = 0;  // subtree count of the node passed before it
-  for (const CentroidNode* node = root_; node != nullptr;) {
-    const std::uint64_t total = node->subtreeCount;
-    start += right & (above - total);
-    above = total;
-    if (node->mean > x) {
-      s.after = node;
-      right = 0;
-      node = node->left;
-    } else {
-      s.beforeUp = s.before;
-      s.before = node;
-      right = ~std::uint64_t{0};
-      node = node->right;
-    }
-  }
-  s.afterHead = start + (right & above);
-  return s;
-}
-
 CentroidTree::Split CentroidTree::splitAboveRunning(double target) const noexcept {
-  return split(
-      [target](const CentroidNode*, std::uint64_t through) { return toDouble(through) > target; });
-}
-
-const CentroidNode* CentroidTree::previousOfBefore(const Split& s) noexcept {
-  return s.before->left != nullptr ? descendLast(s.before->left) : s.beforeUp;
-}
-
-const CentroidNode* CentroidTree::nextOfAfter(const Split& s) noexcept {
-  return s.after->following;
+  // The conversion never decreases, so its test is a comparison of whole
+  // counts, with no conversion on the way down.
+  const std::uint64_t limit = lastNotAbove(target);
+  return split([limit](const CentroidNode*, std::uint64_t through) { return through > limit; });
 }
 
 CentroidNode* CentroidTree::insertAt(const Location& at, double mean, std::uint64_t count) {

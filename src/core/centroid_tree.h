@@ -293,4 +293,62 @@ inline CentroidNode* CentroidTree::next(const CentroidNode* node) noexcept {
   return up;
 }
 
+// Inline too, with the descent below: a scalar cdf reads both ends and
+// makes one descent, and as calls (the descent's record returned through
+// memory) they cost more than the work they do.
+inline CentroidNode* CentroidTree::first() const noexcept {
+  if (!adopted_) return first_;
+  CentroidNode* node = root_;
+  if (node != nullptr) {
+    while (node->left != nullptr) node = node->left;
+  }
+  return node;
+}
+
+inline CentroidNode* CentroidTree::last() const noexcept {
+  if (!adopted_) return last_;
+  CentroidNode* node = root_;
+  if (node != nullptr) {
+    while (node->right != nullptr) node = node->right;
+  }
+  return node;
+}
+
+inline CentroidTree::Split CentroidTree::splitAboveMean(double x) const noexcept {
+  // The test reads no count, and the head sum needs no child off the path:
+  // a right turn at a node passes its count and its left subtree, that is
+  // its subtree less its right child's, and the right child is the next
+  // node on the path. Left turns pass nothing. The descent falls off just
+  // before `after`, whose head sum is all that the right turns passed.
+  const CentroidNode* before = nullptr;
+  const CentroidNode* beforeUp = nullptr;
+  const CentroidNode* after = nullptr;
+  std::uint64_t head = 0;
+  const CentroidNode* node = root_;
+  while (node != nullptr) {
+    if (node->mean > x) {
+      after = node;
+      node = node->left;
+    } else {
+      beforeUp = before;
+      before = node;
+      head += node->subtreeCount;
+      node = node->right;
+      if (node != nullptr) head -= node->subtreeCount;
+    }
+  }
+  return Split{before, beforeUp, after, head};
+}
+
+inline const CentroidNode* CentroidTree::previousOfBefore(const Split& s) noexcept {
+  const CentroidNode* node = s.before->left;
+  if (node == nullptr) return s.beforeUp;
+  while (node->right != nullptr) node = node->right;
+  return node;
+}
+
+inline const CentroidNode* CentroidTree::nextOfAfter(const Split& s) noexcept {
+  return s.after->following;
+}
+
 }  // namespace zotdigest

@@ -91,6 +91,19 @@ std::vector<DigestCase> digestLadder() {
       {"equal_means", K::Inserted, {{1, 2}, {2, 3}, {2, 3}, {2, 1}, {4, 2}}, 0, 0},
       {"all_equal", K::Inserted, {{7, 2}, {7, 3}, {7, 1}}, 0, 0},
       {"infinite_means", K::Inserted, {{-kInf, 1}, {0, 2}, {1, 2}, {kInf, 1}}, 0, 0},
+      // Running counts past 2^53, which convert to double with rounding
+      // (the second and third half way between two doubles, one rounding
+      // up, one down), yet do not wrap; a total of 2^62 keeps the
+      // thresholds' quantiles exact.
+      {"heavy_counts",
+       K::Inserted,
+       {{1, (1ULL << 60) + 256},
+        {2, 128},
+        {3, (1ULL << 60) - 128},
+        {4, (1ULL << 61) - 257},
+        {5, 1}},
+       0,
+       0},
       {"large", K::Sampled, {}, 200000, 0},
       {"large_duplicates", K::Sampled, {}, 100000, 1},
       {"unsorted_means", K::Chain, {{5, 2}, {1, 3}, {9, 1}, {-4, 5}, {2, 2}}, 5, 13},
