@@ -616,13 +616,14 @@ void CentroidTree::updateCentroid(double x, std::uint64_t w, CentroidNode* node,
   noteCountAdded(w);
   node->count = grown;
   node->mean = grownMean;
-  runs_.grew(node, m, grownMean, w);
   carryCount(node, w);
   if (runFirst != runLast) {
     restoreOrder(node, m, grownMean, runFirst, runLast);
   } else {
     noteGrownMean(node, m, grownMean, nullptr, false);
   }
+  // Last: nothing has to survive the call.
+  runs_.grew(node, m, grownMean, w);
 }
 
 void CentroidTree::updateCentroid(double x, std::uint64_t w, CentroidNode* node,
@@ -635,7 +636,6 @@ void CentroidTree::updateCentroid(double x, std::uint64_t w, CentroidNode* node,
   noteCountAdded(w);
   node->count = grown;
   node->mean = grownMean;
-  runs_.grew(node, m, grownMean, w);
   // Below and after are equally likely: told apart without a branch.
   const bool isBelow = node == at.below;
   const bool onPath = at.pathKnown & (isBelow | (node == at.after));
@@ -659,6 +659,9 @@ void CentroidTree::updateCentroid(double x, std::uint64_t w, CentroidNode* node,
   } else {
     noteGrownMean(node, m, grownMean, nullptr, false);
   }
+  // Last: nothing has to survive the call (the index is told of an exchange
+  // by exchange() itself).
+  runs_.grew(node, m, grownMean, w);
 }
 
 void CentroidTree::restoreOrder(CentroidNode* node, double m, double grownMean,

@@ -190,13 +190,15 @@ class Reservoir {
     if (!shortcut_ || w_ == 0 || treeTotal == nullptr || w_ >= kExact ||
         *treeTotal >= kExact - w_) {
       CentroidNode* last = nullptr;
+      std::size_t walked = 0;
       do {
         offer(node, before);
         before += node->count;
         last = node;
-        ++offered;
+        ++walked;
         node = node->following;
       } while (node != nullptr && !(std::fabs(node->mean - x) > reach));
+      offered += walked;
       return last;
     }
     // Every half below is at most the tree's total, so q and the slack are
@@ -214,6 +216,7 @@ class Reservoir {
     const double fourTotal = fourTotal_;
     const double inverseDelta = inverseDelta_;
     std::size_t pending = pendingCount_;
+    std::size_t walked = 0;
     CentroidNode* last = nullptr;
     do {
       const double count = exact(node->count);
@@ -237,11 +240,12 @@ class Reservoir {
       }
       head += count;
       last = node;
-      ++offered;
+      ++walked;
       node = node->following;
       // No mean from here on is below x: its distance is mean - x.
     } while (node != nullptr && !(node->mean - x > reach));
     pendingCount_ = pending;
+    offered += walked;
     return last;
   }
 
@@ -259,7 +263,7 @@ class Reservoir {
     if (pendingCount_ == 1) {  // the usual case, kept out of the batch's loop
       pendingCount_ = 0;
       seen_ += 1.0;
-      if (reciprocalOf(seen_) >= random_.uniform()) candidate_ = pending_[0];
+      if (1.0 / seen_ >= random_.uniform()) candidate_ = pending_[0];
     } else if (pendingCount_ > 1) {
       draw();
     }
