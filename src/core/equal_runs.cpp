@@ -49,10 +49,9 @@ void EqualRun::unlist() noexcept {
   listedCount = 0;
 }
 
-std::size_t EqualRun::listOpen(float sinceBase, quorix::UniformCursor& cursor,
-                               std::size_t ahead) noexcept {
+std::size_t EqualRun::listOpen(float sinceBase, quorix::UniformCursor& cursor, std::size_t ahead,
+                               std::size_t& made) noexcept {
   double* drawn = draws.data();
-  std::size_t made = 0;
   const float* notes = recheckAt.data();
   std::uint32_t* out = scratch.data();
   const std::size_t n = recheckAt.size();
@@ -84,15 +83,15 @@ std::size_t EqualRun::listOpen(float sinceBase, quorix::UniformCursor& cursor,
     const __m128i at = _mm_add_epi32(_mm_set1_epi32(static_cast<std::int32_t>(i)), lanes);
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out + open), at);
     open += packed.count;
-    if (made < ahead) drawn[made++] = cursor.next();
+    // Every other block: the step waits on the one before, so spacing
+    // them leaves the scan's own work to fill the wait.
+    if ((i & 4u) == 0 && made < ahead) drawn[made++] = cursor.next();
   }
 #endif
   for (; i < n; ++i) {
     out[open] = static_cast<std::uint32_t>(i);
     open += notes[i] <= sinceBase ? 1 : 0;
-    if (made < ahead) drawn[made++] = cursor.next();
   }
-  for (; made < ahead; ++made) drawn[made] = cursor.next();
   return open;
 }
 

@@ -451,7 +451,12 @@ bool addToEqualRun(TDigest& digest, const CentroidTree::Location& at, double x, 
   }
   double listRoom = run->listRoom;
   quorix::UniformCursor cursor(streamOf(digest));
-  const std::size_t open = run->listOpen(sinceUp, cursor, listed);
+  // The listed ones' draws are made while the run is scanned and tested,
+  // to overlap that work.
+  double* u = run->draws.data();
+  std::size_t made = 0;
+  const std::size_t open = run->listOpen(sinceUp, cursor, listed, made);
+  for (; made < listed; ++made) u[made] = cursor.next();
 
   // The newly eligible ones, in order, written over the same list. The
   // outcome of each test is as good as random, so none steers a branch;
@@ -517,7 +522,6 @@ bool addToEqualRun(TDigest& digest, const CentroidTree::Location& at, double x, 
     n = listed;
   }
   run->listedCount = kept;
-  double* u = run->draws.data();
   for (std::size_t k = listed; k < n; ++k) u[k] = cursor.next();
   cursor.finish();
 
