@@ -12,17 +12,62 @@
 #include <cstdint>
 
 #include "quorix/config.h"
-#include "quorix/mrg32k3a_step.h"
 
 namespace quorix::detail::mrg32k3a {
 
+inline constexpr std::uint64_t kM1 = 4294967087u;
+inline constexpr std::uint64_t kM2 = 4294944443u;
+inline constexpr double kNorm = 2.328306549295727688e-10;
+inline constexpr std::uint64_t kBaseWord = 12345u;
+// Multipliers of the two recurrences (n: the magnitude of a negative one).
+inline constexpr std::int64_t kA12 = 1403580;
+inline constexpr std::int64_t kA13n = 810728;
+inline constexpr std::int64_t kA21 = 527612;
+inline constexpr std::int64_t kA23n = 1370589;
+
+using State = std::array<std::uint64_t, 6>;
 using Matrix = std::array<std::array<std::uint64_t, 3>, 3>;
 
 // Six words 12345.
 QUORIX_API State baseState() noexcept;
 
-// stepInline, exported for the runtime's tests.
+// Advances both components once (in place) and returns the uniform draw
+// (x1 - x2) * norm when x1 > x2, else (x1 - x2 + m1) * norm.
 QUORIX_API double step(State& s) noexcept;
+
+// The same step, inline for the stream's drawing loops (an exported
+// function is called through the symbol table even from inside the
+// library).
+inline double stepInline(State& s) noexcept {
+  // Each component is reduced as one non-negative sum: the negative term
+  // -a x[n-3] is written a (m - x[n-3]), the same value modulo m, so one
+  // unsigned reduction does (every operand is below 2^32, every sum below
+  // 2^64), and the part of a step that waits on the steps before is one
+  // product, one sum and the reduction.
+  //
+  // Component 1: x1[n] = (1403580 x1[n-2] - 810728 x1[n-3]) mod m1.
+  const std::uint64_t p1 =
+      (static_cast<std::uint64_t>(kA12) * s[1] + static_cast<std::uint64_t>(kA13n) * (kM1 - s[0])) %
+      kM1;
+  s[0] = s[1];
+  s[1] = s[2];
+  s[2] = p1;
+
+  // Component 2: x2[n] = (527612 x2[n-1] - 1370589 x2[n-3]) mod m2.
+  const std::uint64_t p2 =
+      (static_cast<std::uint64_t>(kA21) * s[5] + static_cast<std::uint64_t>(kA23n) * (kM2 - s[3])) %
+      kM2;
+  s[3] = s[4];
+  s[4] = s[5];
+  s[5] = p2;
+
+  // The difference is below 2^32 in magnitude: exact as a double. m1 is
+  // added to a difference of 0 or less by masking, not by a branch: the two
+  // cases are equally likely.
+  const std::int64_t difference = static_cast<std::int64_t>(p1) - static_cast<std::int64_t>(p2);
+  const std::int64_t wrap = -static_cast<std::int64_t>(difference <= 0);
+  return static_cast<double>(difference + (static_cast<std::int64_t>(kM1) & wrap)) * kNorm;
+}
 
 // The transition matrices: (x[n-3], x[n-2], x[n-1]) -> (x[n-2], x[n-1], x[n]).
 QUORIX_API const Matrix& transition1() noexcept;

@@ -102,17 +102,6 @@ RandomStream::~RandomStream() = default;
 
 void RandomStream::setState(const std::array<std::uint64_t, 6>& s) noexcept { store(state_, s); }
 
-std::array<std::uint64_t, 6> RandomStream::loadState() const noexcept { return load(state_); }
-
-UniformCursor::UniformCursor(RandomStream& stream) noexcept
-    : stream_(&stream), state_(stream.loadState()) {}
-
-void UniformCursor::finish() noexcept {
-  if (stream_ == nullptr) return;
-  stream_->setState(state_);
-  stream_ = nullptr;
-}
-
 std::array<std::uint64_t, 6> RandomStream::loadStreamStart() const noexcept {
   return load(streamStart_);
 }

@@ -9,7 +9,6 @@
 #include <limits>
 
 #include "core/centroid_tree.h"
-#include "quorix/random_stream.h"
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -18,21 +17,22 @@
 namespace zotdigest {
 namespace {
 
-// v[i] += a for every i from `from` on, two at a time where the target has
-// vectors (GCC's and clang's vector extension; elsewhere plain code).
+// v[i] += a for every i from `from` on, four at a time (GCC's and clang's
+// vector extension: vector instructions where the target has them, plain
+// code elsewhere).
 void addFrom(std::vector<double>& v, std::size_t from, double a) noexcept {
-  using Pair = double __attribute__((vector_size(16)));
+  using Quad = double __attribute__((vector_size(32)));
   double* p = v.data();
   const std::size_t n = v.size();
   std::size_t i = from;
-  const Pair add = {a, a};
-  for (; i + 2 <= n; i += 2) {
-    Pair x;
+  const Quad add = {a, a, a, a};
+  for (; i + 4 <= n; i += 4) {
+    Quad x;
     std::memcpy(&x, p + i, sizeof x);
     x += add;
     std::memcpy(p + i, &x, sizeof x);
   }
-  if (i < n) p[i] += a;
+  for (; i < n; ++i) p[i] += a;
 }
 
 }  // namespace
@@ -49,9 +49,7 @@ void EqualRun::unlist() noexcept {
   listedCount = 0;
 }
 
-std::size_t EqualRun::listOpen(float sinceBase, quorix::UniformCursor& cursor, std::size_t ahead,
-                               std::size_t& made) noexcept {
-  double* drawn = draws.data();
+std::size_t EqualRun::listOpen(float sinceBase) noexcept {
   const float* notes = recheckAt.data();
   std::uint32_t* out = scratch.data();
   const std::size_t n = recheckAt.size();
@@ -83,9 +81,6 @@ std::size_t EqualRun::listOpen(float sinceBase, quorix::UniformCursor& cursor, s
     const __m128i at = _mm_add_epi32(_mm_set1_epi32(static_cast<std::int32_t>(i)), lanes);
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out + open), at);
     open += packed.count;
-    // Every other block: the step waits on the one before, so spacing
-    // them leaves the scan's own work to fill the wait.
-    if ((i & 4u) == 0 && made < ahead) drawn[made++] = cursor.next();
   }
 #endif
   for (; i < n; ++i) {

@@ -25,10 +25,6 @@
 #include <memory>
 #include <vector>
 
-namespace quorix {
-class UniformCursor;
-}
-
 namespace zotdigest {
 
 struct CentroidNode;
@@ -86,11 +82,8 @@ struct EqualRun {
   void unlist() noexcept;
   // Lists in `scratch`, in order, the centroids not known to be ineligible
   // or listed at the total `sinceBase` past the base (rounded up); returns
-  // how many. Meanwhile makes draws of `cursor` into `draws` from index
-  // `made` on, up to `ahead` of them, advancing `made`: the generator's
-  // steps, each waiting on the one before, overlap the scan.
-  std::size_t listOpen(float sinceBase, quorix::UniformCursor& cursor, std::size_t ahead,
-                       std::size_t& made) noexcept;
+  // how many.
+  std::size_t listOpen(float sinceBase) noexcept;
 };
 
 class EqualRuns {

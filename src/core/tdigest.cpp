@@ -384,9 +384,8 @@ std::size_t addToOrdered(CentroidTree& tree, const CentroidTree::Location& at, d
 //  - `margin` covers the rounding of any later exact test while the total
 //    stays below 64 times today's, where every note expires (`horizon`);
 //  - a factor just under 1 covers the rounding of the note itself.
-// The listed centroids' draws are made while the run is scanned, and the
-// rest once the new eligible ones are known: the same values in the same
-// order as one draw per centroid.
+// The draws are made together once the eligible centroids are known: the
+// same values in the same order as one draw per centroid.
 bool addToEqualRun(TDigest& digest, const CentroidTree::Location& at, double x, std::uint64_t w) {
   CentroidTree& tree = digest.tree;
   constexpr std::uint64_t kExact = std::uint64_t{1} << 53;
@@ -450,13 +449,8 @@ bool addToEqualRun(TDigest& digest, const CentroidTree::Location& at, double x, 
     run->listUntil = std::numeric_limits<double>::infinity();
   }
   double listRoom = run->listRoom;
-  quorix::UniformCursor cursor(streamOf(digest));
-  // The listed ones' draws are made while the run is scanned and tested,
-  // to overlap that work.
-  double* u = run->draws.data();
-  std::size_t made = 0;
-  const std::size_t open = run->listOpen(sinceUp, cursor, listed, made);
-  for (; made < listed; ++made) u[made] = cursor.next();
+  quorix::RandomStream& random = streamOf(digest);
+  const std::size_t open = run->listOpen(sinceUp);
 
   // The newly eligible ones, in order, written over the same list. The
   // outcome of each test is as good as random, so none steers a branch;
@@ -522,15 +516,17 @@ bool addToEqualRun(TDigest& digest, const CentroidTree::Location& at, double x, 
     n = listed;
   }
   run->listedCount = kept;
-  for (std::size_t k = listed; k < n; ++k) u[k] = cursor.next();
-  cursor.finish();
+  double* u = run->draws.data();
+  random.uniform(u, n);
 
-  // The k-th eligible centroid replaces the choice with probability 1/k.
+  // The k-th eligible centroid replaces the choice with probability 1/k:
+  // the choice is the last k whose draw is at most 1/k, found from the end.
   std::ptrdiff_t chosen = -1;
-  for (std::size_t k = 0; k < n; ++k) {
-    const auto hit = static_cast<std::ptrdiff_t>(reciprocalOf(k + 1) >= u[k]);
-    const std::ptrdiff_t mask = -hit;
-    chosen = (static_cast<std::ptrdiff_t>(eligible[k]) & mask) | (chosen & ~mask);
+  for (std::size_t k = n; k > 0; --k) {
+    if (reciprocalOf(k) >= u[k - 1]) {
+      chosen = eligible[k - 1];
+      break;
+    }
   }
   // The chosen one grows: it leaves the list, to be tested next time.
   if (chosen >= 0) {

@@ -109,20 +109,15 @@ TEST(RandomStream, substream_selection_and_reset_move_to_their_starts) {
   for (int i = 0; i < 3; ++i) EXPECT_EQ(s->uniform(), twin->uniform());
 }
 
-// Batches of every length (the loop takes three steps a turn) and a cursor
-// draw the same sequence as single draws, and leave the stream where they
-// would.
-TEST(RandomStream, batches_and_cursors_draw_the_single_draws_sequence) {
+// Batches of every length (the loop takes three steps a turn) draw the
+// same sequence as single draws, and leave the stream where they would.
+TEST(RandomStream, batches_draw_the_single_draws_sequence) {
   auto s = seededStream(5);
   auto twin = seededStream(5);
   double batch[8];
   for (std::size_t n = 0; n <= 8; ++n) {
     s->uniform(batch, n);
     for (std::size_t i = 0; i < n; ++i) EXPECT_EQ(batch[i], twin->uniform()) << n;
-    {
-      quorix::UniformCursor cursor(*s);
-      for (std::size_t i = 0; i < n; ++i) EXPECT_EQ(cursor.next(), twin->uniform()) << n;
-    }
     EXPECT_EQ(s->uniform(), twin->uniform()) << n;
   }
 }

@@ -20,12 +20,10 @@
 #include <string_view>
 
 #include "quorix/config.h"
-#include "quorix/mrg32k3a_step.h"
 
 namespace quorix {
 
 class HostArray;
-class UniformCursor;
 
 class QUORIX_API RandomStream {
  public:
@@ -68,10 +66,8 @@ class QUORIX_API RandomStream {
   void reset(std::uint64_t seed);
 
  private:
-  friend class UniformCursor;
   RandomStream(std::uint64_t numStreams, std::uint64_t seed);
   void setState(const std::array<std::uint64_t, 6>& s) noexcept;
-  std::array<std::uint64_t, 6> loadState() const noexcept;
   std::array<std::uint64_t, 6> loadStreamStart() const noexcept;
 
   std::uint64_t numStreams_;
@@ -80,28 +76,6 @@ class QUORIX_API RandomStream {
   std::array<std::atomic<std::uint64_t>, 6> state_;
   // Start of the current stream, for substream selection.
   std::array<std::atomic<std::uint64_t>, 6> streamStart_;
-};
-
-// Uniform draws made inline, in the caller's own loop, so that they can
-// overlap other work: the stream's state is loaded when the cursor is made
-// and stored back by finish() (or on destruction). The values are exactly
-// those of uniform(), in order. Until then the stream must not be drawn from
-// otherwise by this thread; as with uniform(out, n), draws another thread
-// makes meanwhile are overwritten.
-class QUORIX_API UniformCursor {
- public:
-  explicit UniformCursor(RandomStream& stream) noexcept;
-  UniformCursor(const UniformCursor&) = delete;
-  UniformCursor& operator=(const UniformCursor&) = delete;
-  ~UniformCursor() { finish(); }
-
-  double next() noexcept { return detail::mrg32k3a::stepInline(state_); }
-  // Stores the state back; later calls do nothing.
-  void finish() noexcept;
-
- private:
-  RandomStream* stream_;
-  detail::mrg32k3a::State state_;
 };
 
 }  // namespace quorix
