@@ -149,9 +149,7 @@ EqualRun& EqualRuns::index(CentroidNode* first, double mean) {
   run.growing = -1;
   run.lastUse = ++uses_;
   run.scratch.resize(run.nodes.size() + 4);
-  run.eligible.resize(run.nodes.size());
   run.listed.resize(run.nodes.size());
-  run.merged.resize(run.nodes.size());
   run.draws.resize(run.nodes.size());
   // No delta compares equal to NaN: the first add sets the notes up.
   run.resetNotes(std::numeric_limits<double>::quiet_NaN(), 0.0);

@@ -59,18 +59,15 @@ struct EqualRun {
   double delta = 0.0;          // the delta the notes were worked out for; NaN: none
   double base = 0.0;           // the total recheckAt counts from
   std::vector<float> recheckAt;
-  std::vector<std::uint32_t> listed;  // in order, the first listedCount
+  std::vector<std::uint32_t> listed;  // in order, the first listedCount (room for all)
   std::size_t listedCount = 0;
   // Every listed centroid stays eligible for weights up to listRoom while
   // S stays below listUntil (the least of their rooms and untils).
   double listRoom = 0.0;
   double listUntil = 0.0;
   // Working space of one add, one entry per node (and four more, for
-  // writes four at a time): the centroids to test, the eligible ones,
-  // their draws.
+  // writes four at a time): the centroids to test, and the draws.
   std::vector<std::uint32_t> scratch;
-  std::vector<std::uint32_t> eligible;
-  std::vector<std::uint32_t> merged;
   std::vector<double> draws;
   // The node the add in progress is about to grow, or -1.
   std::ptrdiff_t growing = -1;

@@ -484,38 +484,20 @@ bool addToEqualRun(TDigest& digest, const CentroidTree::Location& at, double x, 
 
   run->listRoom = listRoom;
 
-  // All eligible ones in order: the listed and the fresh, merged; and the
-  // new list, the listed and those of the fresh that are listed now.
-  std::uint32_t* eligible = run->eligible.data();
+  // All eligible ones in order: the fresh inserted into the list. Those of
+  // them that cannot stay listed (rare) leave it again below.
   std::uint32_t* list = run->listed.data();
-  std::size_t n = 0;
-  std::size_t kept = listed;
-  if (fresh != 0) {
-    std::uint32_t* merged = run->merged.data();
-    std::size_t a = 0;
-    kept = 0;
-    for (std::size_t b = 0; b < fresh; ++b) {
-      const std::uint32_t i = order[b];
-      while (a < listed && list[a] < i) {
-        eligible[n++] = list[a];
-        merged[kept++] = list[a++];
-      }
-      eligible[n++] = i;
-      merged[kept] = i;
-      kept += recheckAt[i] == EqualRun::kListed ? 1 : 0;
-      run->listUntil = std::min(run->listUntil, horizon);
-    }
-    for (; a < listed; ++a) {
-      eligible[n++] = list[a];
-      merged[kept++] = list[a];
-    }
-    run->listed.swap(run->merged);
-    list = run->listed.data();
-  } else {
-    std::copy(list, list + listed, eligible);
-    n = listed;
+  std::size_t n = listed;
+  bool unlisted = false;
+  for (std::size_t b = 0; b < fresh; ++b) {
+    const std::uint32_t i = order[b];
+    std::uint32_t* at = std::lower_bound(list, list + n, i);
+    std::copy_backward(at, list + n, list + n + 1);
+    *at = i;
+    ++n;
+    unlisted = unlisted || recheckAt[i] != EqualRun::kListed;
   }
-  run->listedCount = kept;
+  if (fresh != 0) run->listUntil = std::min(run->listUntil, horizon);
   double* u = run->draws.data();
   random.uniform(u, n);
 
@@ -524,19 +506,24 @@ bool addToEqualRun(TDigest& digest, const CentroidTree::Location& at, double x, 
   std::ptrdiff_t chosen = -1;
   for (std::size_t k = n; k > 0; --k) {
     if (reciprocalOf(k) >= u[k - 1]) {
-      chosen = eligible[k - 1];
+      chosen = list[k - 1];
       break;
     }
   }
   // The chosen one grows: it leaves the list, to be tested next time.
-  if (chosen >= 0) {
-    std::uint32_t* end = list + kept;
-    std::uint32_t* at = std::lower_bound(list, end, static_cast<std::uint32_t>(chosen));
-    if (at != end && *at == static_cast<std::uint32_t>(chosen)) {
-      std::copy(at + 1, end, at);
-      --run->listedCount;
+  std::size_t kept = n;
+  if (unlisted) {
+    kept = 0;
+    for (std::size_t k = 0; k < n; ++k) {
+      list[kept] = list[k];
+      kept += recheckAt[list[k]] == EqualRun::kListed && list[k] != chosen ? 1 : 0;
     }
+  } else if (chosen >= 0) {
+    std::uint32_t* at = std::lower_bound(list, list + n, static_cast<std::uint32_t>(chosen));
+    std::copy(at + 1, list + n, at);
+    --kept;
   }
+  run->listedCount = kept;
 
   if (chosen >= 0) {
     const auto j = static_cast<std::size_t>(chosen);
