@@ -60,8 +60,9 @@ std::size_t EqualRun::listOpen(float sinceBase) noexcept {
   std::size_t open = 0;
   std::size_t i = 0;
 #if defined(__SSE2__)
-  // Four notes per comparison; the open lanes' indices are packed to the
-  // front by a table and stored four at a time (scratch has room past n).
+  // Four notes per comparison, eight per turn; the open lanes' indices are
+  // packed to the front by a table and stored four at a time (scratch has
+  // room past n).
   struct Lanes {
     alignas(16) std::int32_t lane[4];
     std::uint32_t count;
@@ -78,13 +79,21 @@ std::size_t EqualRun::listOpen(float sinceBase) noexcept {
     return t;
   }();
   const __m128 limit = _mm_set1_ps(sinceBase);
-  for (; i + 4 <= n; i += 4) {
-    const int mask = _mm_movemask_ps(_mm_cmple_ps(_mm_loadu_ps(notes + i), limit));
-    const Lanes& packed = kPacked[static_cast<std::size_t>(mask)];
-    const __m128i lanes = _mm_load_si128(reinterpret_cast<const __m128i*>(packed.lane));
-    const __m128i at = _mm_add_epi32(_mm_set1_epi32(static_cast<std::int32_t>(i)), lanes);
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + open), at);
-    open += packed.count;
+  const __m128i four = _mm_set1_epi32(4);
+  __m128i first = _mm_setzero_si128();  // i in every lane
+  for (; i + 8 <= n; i += 8) {
+    const int maskA = _mm_movemask_ps(_mm_cmple_ps(_mm_loadu_ps(notes + i), limit));
+    const int maskB = _mm_movemask_ps(_mm_cmple_ps(_mm_loadu_ps(notes + i + 4), limit));
+    const Lanes& a = kPacked[static_cast<std::size_t>(maskA)];
+    const Lanes& b = kPacked[static_cast<std::size_t>(maskB)];
+    const __m128i laneA = _mm_load_si128(reinterpret_cast<const __m128i*>(a.lane));
+    const __m128i laneB = _mm_load_si128(reinterpret_cast<const __m128i*>(b.lane));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + open), _mm_add_epi32(first, laneA));
+    open += a.count;
+    first = _mm_add_epi32(first, four);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + open), _mm_add_epi32(first, laneB));
+    open += b.count;
+    first = _mm_add_epi32(first, four);
   }
 #endif
   for (; i < n; ++i) {
