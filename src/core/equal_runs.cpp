@@ -3,9 +3,9 @@
 // needed.
 #include "core/equal_runs.h"
 
+#include <algorithm>
 #include <array>
 #include <bit>
-#include <cstring>
 #include <limits>
 
 #include "core/centroid_tree.h"
@@ -15,31 +15,6 @@
 #endif
 
 namespace zotdigest {
-namespace {
-
-// v[i] += a for every i from `from` on, four at a time in pairs (GCC's
-// and clang's vector extension: vector instructions where the target has
-// them, plain code elsewhere).
-void addFrom(std::vector<double>& v, std::size_t from, double a) noexcept {
-  using Pair = double __attribute__((vector_size(16)));
-  double* p = v.data();
-  const std::size_t n = v.size();
-  std::size_t i = from;
-  const Pair add = {a, a};
-  for (; i + 4 <= n; i += 4) {
-    Pair x;
-    Pair y;
-    std::memcpy(&x, p + i, sizeof x);
-    std::memcpy(&y, p + i + 2, sizeof y);
-    x += add;
-    y += add;
-    std::memcpy(p + i, &x, sizeof x);
-    std::memcpy(p + i + 2, &y, sizeof y);
-  }
-  for (; i < n; ++i) p[i] += a;
-}
-
-}  // namespace
 
 void EqualRun::resetNotes(double newDelta, double total) {
   delta = newDelta;
@@ -150,12 +125,18 @@ EqualRun& EqualRuns::index(CentroidNode* first, double mean) {
   run.nodes.clear();
   run.count.clear();
   run.before.clear();
+  run.blockBefore.clear();
   double head = 0.0;
+  double blockHead = 0.0;
   for (CentroidNode* node = first; node != nullptr && node->mean == mean; node = node->following) {
+    if (run.nodes.size() % EqualRun::kBlock == 0) {
+      blockHead = head;
+      run.blockBefore.push_back(head);
+    }
     const auto count = static_cast<double>(node->count);
     run.nodes.push_back(node);
     run.count.push_back(count);
-    run.before.push_back(head);
+    run.before.push_back(head - blockHead);
     head += count;
   }
   run.mean = mean;
@@ -183,7 +164,12 @@ void EqualRuns::applyGrowth(const CentroidNode* node, double m, double grownMean
       const auto k = static_cast<std::size_t>(j);
       const auto weight = static_cast<double>(w);
       run->count[k] += weight;
-      addFrom(run->before, k + 1, weight);
+      const std::size_t block = k / EqualRun::kBlock;
+      const std::size_t blockEnd = std::min((block + 1) * EqualRun::kBlock, run->before.size());
+      for (std::size_t i = k + 1; i < blockEnd; ++i) run->before[i] += weight;
+      for (std::size_t b = block + 1; b < run->blockBefore.size(); ++b) {
+        run->blockBefore[b] += weight;
+      }
       run->recheckAt[k] = 0.0f;
     } else {
       run->live = false;

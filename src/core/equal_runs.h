@@ -55,9 +55,14 @@ struct EqualRun {
   bool live = false;  // false: the slot holds nothing
   std::vector<CentroidNode*> nodes;
   std::vector<double> count;
-  std::vector<double> before;  // sum of the counts of the run's earlier nodes
-  double delta = 0.0;          // the delta the notes were worked out for; NaN: none
-  double base = 0.0;           // the total recheckAt counts from
+  // The sum of the counts of the run's nodes before node i, in two parts so
+  // that a growth moves few of them: blockBefore[i / kBlock], for the nodes
+  // before i's block of kBlock, plus before[i], for those before it in it.
+  static constexpr std::size_t kBlock = 16;
+  std::vector<double> blockBefore;
+  std::vector<double> before;
+  double delta = 0.0;  // the delta the notes were worked out for; NaN: none
+  double base = 0.0;   // the total recheckAt counts from
   std::vector<float> recheckAt;
   std::vector<std::uint32_t> listed;  // in order, the first listedCount (room for all)
   std::size_t listedCount = 0;

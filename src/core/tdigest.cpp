@@ -441,6 +441,7 @@ bool addToEqualRun(TDigest& digest, const CentroidTree::Location& at, double x, 
 
   const double* count = run->count.data();
   const double* before = run->before.data();
+  const double* blockBefore = run->blockBefore.data();
   float* recheckAt = run->recheckAt.data();
   std::uint32_t* order = run->scratch.data();
   const std::size_t listed = run->listedCount;
@@ -460,7 +461,7 @@ bool addToEqualRun(TDigest& digest, const CentroidTree::Location& at, double x, 
     const std::uint32_t i = order[k];
     const double c = count[i];
     const double need = c + w1;
-    const double half = c * 0.5 + (base + before[i]);
+    const double half = c * 0.5 + (base + (blockBefore[i / EqualRun::kBlock] + before[i]));
     const double q = half * inverseTotal;
     const double bound = scale * q * (1.0 - q);
     const double over = bound - need;
