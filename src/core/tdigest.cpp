@@ -74,12 +74,7 @@ constexpr std::array<double, kReciprocals> kReciprocalTable = [] {
   return t;
 }();
 
-// `seen` is a whole number of at least 1.
-double reciprocalOf(double seen) noexcept {
-  return seen <= static_cast<double>(kReciprocals)
-             ? kReciprocalTable[static_cast<std::size_t>(seen) - 1]
-             : 1.0 / seen;
-}
+// `seen` is at least 1.
 double reciprocalOf(std::size_t seen) noexcept {
   return seen <= kReciprocals ? kReciprocalTable[seen - 1] : 1.0 / static_cast<double>(seen);
 }
@@ -298,7 +293,7 @@ class Reservoir {
     random_.uniform(u, pendingCount_);
     for (std::size_t i = 0; i < pendingCount_; ++i) {
       seen_ += 1.0;
-      if (reciprocalOf(seen_) >= u[i]) candidate_ = pending_[i];
+      if (reciprocalOf(static_cast<std::size_t>(seen_)) >= u[i]) candidate_ = pending_[i];
     }
     pendingCount_ = 0;
   }
@@ -492,9 +487,9 @@ bool addToEqualRun(TDigest& digest, const CentroidTree::Location& at, double x, 
   bool unlisted = false;
   for (std::size_t b = 0; b < fresh; ++b) {
     const std::uint32_t i = order[b];
-    std::uint32_t* at = std::lower_bound(list, list + n, i);
-    std::copy_backward(at, list + n, list + n + 1);
-    *at = i;
+    std::uint32_t* slot = std::lower_bound(list, list + n, i);
+    std::copy_backward(slot, list + n, list + n + 1);
+    *slot = i;
     ++n;
     unlisted = unlisted || recheckAt[i] != EqualRun::kListed;
   }
@@ -520,17 +515,18 @@ bool addToEqualRun(TDigest& digest, const CentroidTree::Location& at, double x, 
       kept += recheckAt[list[k]] == EqualRun::kListed && list[k] != chosen ? 1 : 0;
     }
   } else if (chosen >= 0) {
-    std::uint32_t* at = std::lower_bound(list, list + n, static_cast<std::uint32_t>(chosen));
-    std::copy(at + 1, list + n, at);
+    std::uint32_t* slot = std::lower_bound(list, list + n, static_cast<std::uint32_t>(chosen));
+    std::copy(slot + 1, list + n, slot);
     --kept;
   }
   run->listedCount = kept;
 
   if (chosen >= 0) {
-    const auto j = static_cast<std::size_t>(chosen);
-    recheckAt[j] = 0.0f;  // its count changes: tested again next time
+    // The index applies the growth it is told of (and has the grown
+    // centroid tested again).
     run->growing = chosen;
-    tree.updateCentroid(x, w, run->nodes[j], run->nodes.front(), run->nodes.back(), at);
+    tree.updateCentroid(x, w, run->nodes[static_cast<std::size_t>(chosen)], run->nodes.front(),
+                        run->nodes.back(), at);
   } else {
     tree.insertAt(at, x, w);
   }
